@@ -1,0 +1,12 @@
+#ifndef QXCURL_VERSION_H
+#define QXCURL_VERSION_H
+#include "qxcurl_export.h"
+#ifdef __cplusplus
+extern "C" {
+#endif
+/* Version of the library, "major.minor.patch". */
+QX_API const char* qxcurl_version(void);
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,58 @@
+#ifndef QX_CONFIG_H
+#define QX_CONFIG_H
+#include <string>
+#include <vector>
+
+// The master configuration: <root>/arvion/arvion.conf, "KEY = VALUE" lines,
+// '#' comments, repeated keys form ordered lists. Malformed lines are logged
+// with file and line number and skipped. A missing file is an empty
+// configuration ("not configured"), not an error.
+struct QXMasterConfig;
+typedef const QXMasterConfig* QXConfigHandle;
+
+// Reads the file afresh (cheaply: unchanged files are not parsed again) and
+// makes it this thread's current configuration. 0 on success; 12 when the file
+// exists but cannot be read.
+int QX_read_master_config();
+// This thread's configuration as of its last QX_read_master_config; never null
+// (an empty configuration before the first read).
+QXConfigHandle get_master_config_ptr();
+
+// Yes/no keys accept YES/NO/TRUE/FALSE/ON/OFF/1/0 in any case; the last value
+// of a repeated key wins. 0 when the key is present and valid; 1 when absent;
+// 2 when its value is not a yes/no word (logged). *value is set only on 0.
+int bpconfGetKeyValPairAsBool(QXConfigHandle cfg, const char* key, bool* value);
+// Last value of a key: 0, or 1 when absent.
+int bpconfGetKeyValue(QXConfigHandle cfg, const char* key, std::string& value);
+// Every value of a key in file order (empty when absent).
+std::vector<std::string> bpconfGetKeyValues(QXConfigHandle cfg, const char* key);
+// Integer value: 0, 1 when absent, 2 when not a decimal integer (logged).
+int bpconfGetKeyValueAsInt(QXConfigHandle cfg, const char* key, long* value);
+
+// "CRL_CHECK_LEVEL" (0 off, 1 leaf, 2 whole chain; default 1). 0 on success,
+// non-zero when the configuration cannot be read or the value is not 0..2.
+int getCrlCheckLevelFromConfig(unsigned int* level);
+
+// The web-service record. Lists are in configuration order.
+struct qxconf_server_entry {
+  char* name;
+  qxconf_server_entry* next;
+};
+struct qxconf_tunnel_entry {
+  char* host;
+  char* tunnel;
+  qxconf_tunnel_entry* next;
+};
+struct qxconf_info {
+  qxconf_server_entry* server_list;       // SERVER (first = this host's master)
+  int websvr_connect_timeout;             // WEB_SERVER_CONNECT_TIMEOUT, seconds; 0 = not set
+  int tunnel_use;                         // WEB_SERVER_TUNNEL_USE; default 2 (never tunnel)
+  int tunnel_enabled;                     // WEB_SERVER_TUNNEL_ENABLE (yes/no as 1/0); default 0
+  qxconf_tunnel_entry* tunnel_overrides;  // WEB_SERVER_TUNNEL = <master> <tunnel>
+  qxconf_server_entry* media_server_list; // MEDIA_SERVER
+};
+// Fills *info with a new record (released with qxconf_free_info). 0 on
+// success; the status of QX_read_master_config on failure (*info untouched).
+int qxconf_get_info(qxconf_info** info);
+void qxconf_free_info(qxconf_info** info);
+#endif

@@ -1,0 +1,56 @@
+#ifndef QX_LOG_H
+#define QX_LOG_H
+#include <cstdarg>
+#include <functional>
+#include <sstream>
+#include <string>
+
+// Levels: 2 progress and decisions, 4 wire detail and warnings,
+// 8 a libcurl option that could not be set, 16 errors.
+enum QXLogLevel { QXLOG_PROGRESS = 2, QXLOG_DETAIL = 4, QXLOG_OPTION = 8, QXLOG_ERROR = 16 };
+constexpr int QXLOG_CATEGORY = 5;
+
+// Quiet by default. QXCURL_LOG ("stderr" or a file path) turns output on;
+// QXCURL_LOG_LEVEL (2, 4, 8 or 16) drops messages below that level (default 2).
+// The master configuration keys QXCURL_LOG and QXCURL_LOG_LEVEL are read when
+// the environment says nothing. One line per message: time, pid, level,
+// category, tag, text.
+void logmsg(int level, int category, const char* tag, const char* text);
+void logmsgf(int level, int category, const char* tag, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+void logmsgvf(int level, int category, const char* tag, const char* fmt, va_list ap);
+
+// True when a message of this level would go anywhere (a sink or a
+// destination); lets hot paths skip composing text nobody reads.
+bool qxLogWanted(int level);
+
+// Stream form: QXLOG(QXLOG_PROGRESS, "QXClientCURL::Get") << "x = [" << x << "]";
+// The text is composed only when the level is wanted and logged when the
+// statement ends.
+class QXLogStream {
+ public:
+  QXLogStream(int level, const char* tag, int category = QXLOG_CATEGORY);
+  ~QXLogStream();
+  QXLogStream(const QXLogStream&) = delete;
+  QXLogStream& operator=(const QXLogStream&) = delete;
+  template <class T>
+  QXLogStream& operator<<(const T& v) {
+    if (m_on) m_os << v;
+    return *this;
+  }
+
+ private:
+  int m_level;
+  int m_category;
+  const char* m_tag;
+  bool m_on;
+  std::ostringstream m_os;
+};
+#define QXLOG(level, tag) QXLogStream((level), (tag))
+
+// Tests capture messages in-process: the sink receives every message of every
+// level (the threshold does not apply) until it is removed with nullptr.
+using QXLogSink = std::function<void(int level, int category, const std::string& tag,
+                                     const std::string& text)>;
+void qxSetLogSink(QXLogSink sink);
+#endif

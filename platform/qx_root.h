@@ -1,0 +1,18 @@
+#ifndef QX_ROOT_H
+#define QX_ROOT_H
+#include <cstddef>
+#include <string>
+
+// The install root: "/usr/tarvo" unless ARVION_ROOT names another directory.
+// Read from the environment on every call, so a test can relocate it.
+std::string qxInstallRoot();
+
+// Maps one of the product's fixed paths ("/usr/tarvo/tmp",
+// "/usr/tarvo/var/webtruststore/cacert.pem") to the same suffix under the
+// install root. A path outside "/usr/tarvo" comes back unchanged.
+std::string qxRootPath(const std::string& productPath);
+
+// The install root followed by "/", copied into buf. 0 on success, 20 when
+// buf is null or too small.
+int getQXInstallDir(char* buf, size_t size);
+#endif

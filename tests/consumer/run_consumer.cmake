@@ -1,0 +1,43 @@
+# Installs the built library into a scratch prefix, then builds and runs a
+# consumer twice: through find_package(qxcurl) and through pkg-config.
+file(REMOVE_RECURSE ${WORK_DIR})
+set(prefix ${WORK_DIR}/prefix)
+execute_process(COMMAND ${CMAKE_COMMAND} --install ${BINARY_DIR} --prefix ${prefix}
+                RESULT_VARIABLE rc OUTPUT_QUIET)
+if(rc)
+  message(FATAL_ERROR "install failed: ${rc}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE_DIR}/tests/consumer -B ${WORK_DIR}/build
+                        -DCMAKE_PREFIX_PATH=${prefix} RESULT_VARIABLE rc OUTPUT_QUIET)
+if(rc)
+  message(FATAL_ERROR "consumer configure failed: ${rc}")
+endif()
+execute_process(COMMAND ${CMAKE_COMMAND} --build ${WORK_DIR}/build RESULT_VARIABLE rc OUTPUT_QUIET)
+if(rc)
+  message(FATAL_ERROR "consumer build failed: ${rc}")
+endif()
+execute_process(COMMAND ${WORK_DIR}/build/consumer RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "consumer (CMake package) failed: ${rc}")
+endif()
+
+file(GLOB pcdir ${prefix}/lib*/pkgconfig ${prefix}/lib/*/pkgconfig)
+set(ENV{PKG_CONFIG_PATH} "${pcdir}")
+execute_process(COMMAND pkg-config --cflags --libs qxcurl OUTPUT_VARIABLE flags
+                RESULT_VARIABLE rc OUTPUT_STRIP_TRAILING_WHITESPACE)
+if(rc)
+  message(FATAL_ERROR "pkg-config does not know qxcurl")
+endif()
+separate_arguments(flags UNIX_COMMAND "${flags}")
+execute_process(COMMAND c++ -std=c++17 ${SOURCE_DIR}/tests/consumer/main.cpp ${flags}
+                        -o ${WORK_DIR}/consumer_pc RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "consumer (pkg-config) build failed: ${rc}")
+endif()
+string(REGEX MATCH "-L[^ ;]+" libflag "${flags}")
+string(SUBSTRING "${libflag}" 2 -1 libdir)
+set(ENV{LD_LIBRARY_PATH} "${libdir}")
+execute_process(COMMAND ${WORK_DIR}/consumer_pc RESULT_VARIABLE rc)
+if(rc)
+  message(FATAL_ERROR "consumer (pkg-config) failed: ${rc}")
+endif()

@@ -1,0 +1,3 @@
+#include "token_manager_base.h"
+
+TokenManager_Base::~TokenManager_Base() = default;
