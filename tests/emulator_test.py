@@ -395,8 +395,8 @@ class AuthTest(EmulatorCase):
 
 
 class FaultTest(EmulatorCase):
-    def fault(self, **spec):
-        self.assertEqual(self.emu.ctl("POST", "/faults", spec)[0], 200)
+    def fault(self, **fields):
+        self.assertEqual(self.emu.ctl("POST", "/faults", fields)[0], 200)
 
     def test_scripted_answers_then_normal_service(self):
         cases = [
@@ -409,9 +409,9 @@ class FaultTest(EmulatorCase):
              {"errorCode": 117}),
             ({"kind": "notjson"}, 200, None),
         ]
-        for spec, status, members in cases:
-            with self.subTest(spec=spec):
-                self.fault(path="arvion/ping", **spec)
+        for fault, status, members in cases:
+            with self.subTest(fault=fault):
+                self.fault(path="arvion/ping", **fault)
                 got, _, doc = self.emu.call("GET", "arvion/ping")
                 self.assertEqual(got, status)
                 if members is None:

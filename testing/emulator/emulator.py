@@ -308,8 +308,8 @@ class State:
             return self.connection_seq
 
     # ---- faults
-    def add_faults(self, spec):
-        items = spec if isinstance(spec, list) else [spec]
+    def add_faults(self, faults):
+        items = faults if isinstance(faults, list) else [faults]
         parsed = []
         for item in items:
             if not isinstance(item, dict):
