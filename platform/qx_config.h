@@ -1,5 +1,6 @@
 #ifndef QX_CONFIG_H
 #define QX_CONFIG_H
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,8 @@ typedef const QXMasterConfig* QXConfigHandle;
 
 // Reads the file afresh (cheaply: unchanged files are not parsed again) and
 // makes it this thread's current configuration. 0 on success; 12 when the file
-// exists but cannot be read.
+// exists but cannot be read or is larger than 1 MiB (the current
+// configuration is then empty).
 int QX_read_master_config();
 // This thread's configuration as of its last QX_read_master_config; never null
 // (an empty configuration before the first read).
@@ -44,15 +46,27 @@ struct qxconf_tunnel_entry {
   qxconf_tunnel_entry* next;
 };
 struct qxconf_info {
-  qxconf_server_entry* server_list;       // SERVER (first = this host's master)
-  int websvr_connect_timeout;             // WEB_SERVER_CONNECT_TIMEOUT, seconds; 0 = not set
-  int tunnel_use;                         // WEB_SERVER_TUNNEL_USE; default 2 (never tunnel)
-  int tunnel_enabled;                     // WEB_SERVER_TUNNEL_ENABLE (yes/no as 1/0); default 0
-  qxconf_tunnel_entry* tunnel_overrides;  // WEB_SERVER_TUNNEL = <master> <tunnel>
-  qxconf_server_entry* media_server_list; // MEDIA_SERVER
+  qxconf_server_entry* server_list;        // SERVER (first = this host's master)
+  int websvr_connect_timeout;              // WEB_SERVER_CONNECT_TIMEOUT, seconds; 0 = not set
+  int tunnel_use;                          // WEB_SERVER_TUNNEL_USE; default 2 (never tunnel)
+  int tunnel_enabled;                      // WEB_SERVER_TUNNEL_ENABLE (yes/no as 1/0); default 0
+  qxconf_tunnel_entry* tunnel_overrides;   // WEB_SERVER_TUNNEL = <master> <tunnel>
+  qxconf_server_entry* media_server_list;  // MEDIA_SERVER
 };
 // Fills *info with a new record (released with qxconf_free_info). 0 on
 // success; the status of QX_read_master_config on failure (*info untouched).
 int qxconf_get_info(qxconf_info** info);
 void qxconf_free_info(qxconf_info** info);
+
+// The path of the master configuration under the current install root.
+std::string qxMasterConfigPath();
+// The current file's configuration (from the shared cache) without changing
+// this thread's current one; never null (empty on failure). *status as for
+// QX_read_master_config when status is not null.
+std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status);
+// Parses configuration text; origin names it in messages about bad lines.
+std::shared_ptr<const QXMasterConfig> qxParseMasterConfig(const std::string& text,
+                                                          const std::string& origin);
+// Yes/no word to bool: 0, or 2 when text is not one of the words.
+int qxParseYesNo(const std::string& text, bool* value);
 #endif

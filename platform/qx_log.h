@@ -50,7 +50,11 @@ class QXLogStream {
 
 // Tests capture messages in-process: the sink receives every message of every
 // level (the threshold does not apply) until it is removed with nullptr.
-using QXLogSink = std::function<void(int level, int category, const std::string& tag,
-                                     const std::string& text)>;
+using QXLogSink =
+    std::function<void(int level, int category, const std::string& tag, const std::string& text)>;
 void qxSetLogSink(QXLogSink sink);
+
+// Reads QXCURL_LOG and QXCURL_LOG_LEVEL (environment, then configuration) now
+// instead of at the next once-a-second refresh.
+void qxLogReconfigure();
 #endif

@@ -50,5 +50,11 @@ enum QXStatus {
   QX_ERR_KEY_NOT_FIPS = 8787,
   QX_ERR_CRL_EXPIRED = 9314,
   QX_ERR_CERT_REVOKED = 9318,
+  // Statuses of the platform services and the other subsystems.
+  QX_ERR_FILE_OPEN = 13,
+  QX_ERR_FILE_WRITE = 14,
+  QX_ERR_CHILD_EXIT = 30,    // a command ran and exited with a non-zero code
+  QX_ERR_CHILD_SIGNAL = 31,  // a command ran and was ended by a signal
+  QX_ERR_LOCK = 158,
 };
 #endif

@@ -1,0 +1,97 @@
+#include "qx_lock.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace {
+
+void setErr(int* err, int value) {
+  if (err != nullptr) *err = value;
+}
+
+// Whole-file lock on fd. Falls back to process-owned record locks on kernels
+// without open-file-description locks.
+int lockFd(int fd, short type, bool wait) {
+  struct flock fl {};
+  fl.l_type = type;
+  fl.l_whence = SEEK_SET;
+  fl.l_start = 0;
+  fl.l_len = 0;
+  for (;;) {
+    int rc = fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl);
+    if (rc == 0) return 0;
+    if (errno == EINTR) continue;
+    if (errno != EINVAL) return -1;
+    fl.l_pid = 0;
+    rc = fcntl(fd, wait ? F_SETLKW : F_SETLK, &fl);
+    if (rc == 0) return 0;
+    if (errno == EINTR) continue;
+    return -1;
+  }
+}
+
+int openLockFile(const char* path, bool readOnlyOk) {
+  int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
+  if (fd < 0 && readOnlyOk && (errno == EACCES || errno == EROFS)) {
+    fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  }
+  return fd;
+}
+
+int release(int handle, int* err) {
+  if (handle < 0 || fcntl(handle, F_GETFD) < 0) {
+    setErr(err, EBADF);
+    return -1;
+  }
+  lockFd(handle, F_UNLCK, false);
+  close(handle);  // closing drops the lock in any case
+  setErr(err, 0);
+  return 0;
+}
+
+}  // namespace
+
+int ManageLockFile(const char* path, int operation, int handle, int* err) {
+  if (operation == QXLOCK_RELEASE) return release(handle, err);
+  if (operation != QXLOCK_TAKE || path == nullptr || *path == '\0') {
+    setErr(err, QXLOCK_ERR_BAD_ARGUMENT);
+    return -1;
+  }
+  int fd = openLockFile(path, false);
+  if (fd < 0) {
+    setErr(err, errno);
+    return -1;
+  }
+  if (lockFd(fd, F_WRLCK, false) != 0) {
+    int e = errno;
+    close(fd);
+    setErr(err, (e == EAGAIN || e == EACCES) ? QXLOCK_ERR_HELD : e);
+    return -1;
+  }
+  setErr(err, 0);
+  return fd;
+}
+
+int wait_lock(const char* path, int mode, int* err) {
+  if (path == nullptr || *path == '\0' || (mode != 0 && mode != 1)) {
+    setErr(err, EINVAL);
+    return -1;
+  }
+  int fd = openLockFile(path, mode == 0);
+  if (fd < 0) {
+    setErr(err, errno);
+    return -1;
+  }
+  if (lockFd(fd, mode == 0 ? F_RDLCK : F_WRLCK, true) != 0) {
+    int e = errno;
+    close(fd);
+    setErr(err, e);
+    return -1;
+  }
+  setErr(err, 0);
+  return fd;
+}
+
+int wait_unlock(int handle, int* err) { return release(handle, err); }

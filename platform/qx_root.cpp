@@ -1,0 +1,38 @@
+#include "qx_root.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+const char kProductRoot[] = "/usr/tarvo";
+}
+
+std::string qxInstallRoot() {
+  const char* env = std::getenv("ARVION_ROOT");
+  if (env == nullptr || *env == '\0') return kProductRoot;
+  std::string root(env);
+  // "/x/" and "/x" name the same root; keep "/" itself intact.
+  while (root.size() > 1 && root.back() == '/') root.pop_back();
+  return root;
+}
+
+std::string qxRootPath(const std::string& productPath) {
+  const size_t n = sizeof(kProductRoot) - 1;
+  if (productPath.compare(0, n, kProductRoot) != 0) return productPath;
+  if (productPath.size() > n && productPath[n] != '/') return productPath;  // "/usr/tarvox"
+  std::string root = qxInstallRoot();
+  if (root == "/") return productPath.size() > n ? productPath.substr(n) : "/";
+  return root + productPath.substr(n);
+}
+
+int getQXInstallDir(char* buf, size_t size) {
+  if (buf == nullptr) return 20;
+  std::string dir = qxInstallRoot();
+  if (dir.back() != '/') dir += '/';
+  if (dir.size() + 1 > size) {
+    if (size > 0) buf[0] = '\0';
+    return 20;
+  }
+  std::memcpy(buf, dir.c_str(), dir.size() + 1);
+  return 0;
+}

@@ -1,0 +1,241 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform_test_root.h"
+#include "qx_config.h"
+#include "qx_log.h"
+#include "qx_root.h"
+
+namespace {
+
+using namespace std::string_literals;
+using Values = std::vector<std::string>;
+
+struct CapturedLog {
+  std::vector<std::string> texts;
+  CapturedLog() {
+    qxSetLogSink([this](int level, int, const std::string&, const std::string& text) {
+      if (level == QXLOG_ERROR) texts.push_back(text);
+    });
+  }
+  ~CapturedLog() { qxSetLogSink(nullptr); }
+};
+
+class ConfigTest : public ::testing::Test {
+ protected:
+  PlatformTestRoot m_root;
+  QXConfigHandle read(const std::string& text) {
+    m_root.writeConfig(text);
+    EXPECT_EQ(0, QX_read_master_config());
+    return get_master_config_ptr();
+  }
+};
+
+TEST_F(ConfigTest, ParsesValuesListsAndComments) {
+  QXConfigHandle cfg = read(
+      "\xEF\xBB\xBF# comment\n"
+      "SERVER = master1\r\n"
+      "\n"
+      "   # indented comment\n"
+      "SERVER=master2   # trailing comment\n"
+      "MEDIA_SERVER = m#1\n"
+      "URL = a=b=c\n"
+      "EMPTY =\n"
+      "server = lower-case key is its own key\n"
+      "SERVER = master3");
+  struct Case {
+    const char* key;
+    Values values;
+  } cases[] = {
+      {"SERVER", {"master1", "master2", "master3"}},
+      {"MEDIA_SERVER", {"m#1"}},
+      {"URL", {"a=b=c"}},
+      {"EMPTY", {""}},
+      {"server", {"lower-case key is its own key"}},
+      {"ABSENT", {}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(c.values, bpconfGetKeyValues(cfg, c.key)) << c.key;
+  std::string last;
+  EXPECT_EQ(0, bpconfGetKeyValue(cfg, "SERVER", last));
+  EXPECT_EQ("master3", last);
+  EXPECT_EQ(1, bpconfGetKeyValue(cfg, "ABSENT", last));
+}
+
+TEST_F(ConfigTest, MalformedLinesAreLoggedWithLineNumberAndSkipped) {
+  CapturedLog log;
+  QXConfigHandle cfg = read(
+      "GOOD = 1\n"
+      "no equals sign here\n"
+      " = value without key\n"
+      "TWO WORDS = x\n"
+      "NUL\0BYTE = y\n"
+      "ALSO_GOOD = 2\n"
+      "PASSWORD secret-value\n"s);
+  EXPECT_EQ(Values{"1"}, bpconfGetKeyValues(cfg, "GOOD"));
+  EXPECT_EQ(Values{"2"}, bpconfGetKeyValues(cfg, "ALSO_GOOD"));
+  ASSERT_EQ(5u, log.texts.size());
+  const char* expected[] = {
+      ":2: malformed line skipped (no '=')", ":3: malformed line skipped (empty key)",
+      ":4: malformed line skipped (invalid key)", ":5: malformed line skipped (NUL byte)",
+      ":7: malformed line skipped (no '=')"};
+  for (size_t i = 0; i < 5; ++i) {
+    EXPECT_NE(std::string::npos, log.texts[i].find("arvion.conf" + std::string(expected[i])))
+        << log.texts[i];
+    EXPECT_EQ(std::string::npos, log.texts[i].find("secret-value"));
+  }
+}
+
+TEST_F(ConfigTest, YesNoWordsInAnyCase) {
+  struct Case {
+    const char* text;
+    int status;
+    bool value;
+  } cases[] = {{"YES", 0, true}, {"yes", 0, true},        {"True", 0, true},   {"on", 0, true},
+               {"1", 0, true},   {"NO", 0, false},        {"false", 0, false}, {"Off", 0, false},
+               {"0", 0, false},  {"y", 2, false},         {"yess", 2, false},  {"2", 2, false},
+               {"", 2, false},   {"YES please", 2, false}};
+  for (const Case& c : cases) {
+    QXConfigHandle cfg = read(std::string("SWITCH = ") + c.text + "\n");
+    bool v = !c.value;
+    EXPECT_EQ(c.status, bpconfGetKeyValPairAsBool(cfg, "SWITCH", &v)) << c.text;
+    if (c.status == 0) {
+      EXPECT_EQ(c.value, v) << c.text;
+    }
+  }
+  bool untouched = true;
+  EXPECT_EQ(1, bpconfGetKeyValPairAsBool(get_master_config_ptr(), "ABSENT", &untouched));
+  EXPECT_TRUE(untouched);
+}
+
+TEST_F(ConfigTest, ChangedFileIsSeenOnNextRead) {
+  // Same size, written back to back: the stat data alone may not tell them apart.
+  QXConfigHandle cfg = read("VALUE = aaa\n");
+  EXPECT_EQ(Values{"aaa"}, bpconfGetKeyValues(cfg, "VALUE"));
+  cfg = read("VALUE = bbb\n");
+  EXPECT_EQ(Values{"bbb"}, bpconfGetKeyValues(cfg, "VALUE"));
+  // An old file whose content changed with its timestamps set back.
+  m_root.writeConfig("VALUE = ccc\n");
+  struct timespec old[2] = {{1000000, 0}, {1000000, 0}};
+  utimensat(AT_FDCWD, m_root.path("arvion/arvion.conf").c_str(), old, 0);
+  ASSERT_EQ(0, QX_read_master_config());
+  EXPECT_EQ(Values{"ccc"}, bpconfGetKeyValues(get_master_config_ptr(), "VALUE"));
+  unlink(m_root.path("arvion/arvion.conf").c_str());
+  ASSERT_EQ(0, QX_read_master_config());
+  EXPECT_TRUE(bpconfGetKeyValues(get_master_config_ptr(), "VALUE").empty());
+}
+
+TEST_F(ConfigTest, UnusableFilesGiveAStatusAndAnEmptyConfiguration) {
+  read("VALUE = x\n");
+  m_root.writeConfig(std::string(1024 * 1024 + 1, 'A'));
+  EXPECT_EQ(12, QX_read_master_config());
+  EXPECT_TRUE(bpconfGetKeyValues(get_master_config_ptr(), "VALUE").empty());
+
+  unlink(m_root.path("arvion/arvion.conf").c_str());
+  mkdir(m_root.path("arvion/arvion.conf").c_str(), 0755);
+  EXPECT_EQ(12, QX_read_master_config());
+  rmdir(m_root.path("arvion/arvion.conf").c_str());
+
+  std::string garbage;
+  for (int i = 0; i < 4096; ++i) garbage += static_cast<char>((i * 7919) & 0xff);
+  m_root.writeConfig(garbage + "\nKEY = \xff\xfe value\n");
+  EXPECT_EQ(0, QX_read_master_config());
+  EXPECT_EQ(Values{"\xff\xfe value"}, bpconfGetKeyValues(get_master_config_ptr(), "KEY"));
+}
+
+TEST_F(ConfigTest, EachThreadKeepsItsSnapshotUntilItReadsAgain) {
+  QXConfigHandle mine = read("VALUE = before\n");
+  std::thread other([this] {
+    m_root.writeConfig("VALUE = after!\n");
+    ASSERT_EQ(0, QX_read_master_config());
+    EXPECT_EQ(Values{"after!"}, bpconfGetKeyValues(get_master_config_ptr(), "VALUE"));
+  });
+  other.join();
+  EXPECT_EQ(Values{"before"}, bpconfGetKeyValues(mine, "VALUE"));
+  ASSERT_EQ(0, QX_read_master_config());
+  EXPECT_EQ(Values{"after!"}, bpconfGetKeyValues(get_master_config_ptr(), "VALUE"));
+}
+
+TEST_F(ConfigTest, IntegersAndCrlCheckLevel) {
+  struct Case {
+    const char* line;
+    int status;
+    unsigned level;
+  } cases[] = {{"", 0, 1},
+               {"CRL_CHECK_LEVEL = 0", 0, 0},
+               {"CRL_CHECK_LEVEL = 2", 0, 2},
+               {"CRL_CHECK_LEVEL = 3", 20, 0},
+               {"CRL_CHECK_LEVEL = -1", 20, 0},
+               {"CRL_CHECK_LEVEL = 1x", 20, 0},
+               {"CRL_CHECK_LEVEL = 99999999999999999999", 20, 0}};
+  for (const Case& c : cases) {
+    m_root.writeConfig(std::string(c.line) + "\n");
+    unsigned level = 77;
+    EXPECT_EQ(c.status, getCrlCheckLevelFromConfig(&level)) << c.line;
+    if (c.status == 0) {
+      EXPECT_EQ(c.level, level) << c.line;
+    }
+  }
+}
+
+TEST_F(ConfigTest, WebServiceRecord) {
+  CapturedLog log;
+  m_root.writeConfig(
+      "SERVER = master\nSERVER = other\nMEDIA_SERVER = media1\n"
+      "WEB_SERVER_CONNECT_TIMEOUT = 45\nWEB_SERVER_TUNNEL_ENABLE = yes\n"
+      "WEB_SERVER_TUNNEL = master tunnel1\nWEB_SERVER_TUNNEL = master\n"
+      "WEB_SERVER_TUNNEL = a b c\nWEB_SERVER_TUNNEL = Other\ttunnel2\n");
+  qxconf_info* info = nullptr;
+  ASSERT_EQ(0, qxconf_get_info(&info));
+  Values servers, media;
+  for (auto* e = info->server_list; e; e = e->next) servers.push_back(e->name);
+  for (auto* e = info->media_server_list; e; e = e->next) media.push_back(e->name);
+  EXPECT_EQ((Values{"master", "other"}), servers);
+  EXPECT_EQ(Values{"media1"}, media);
+  EXPECT_EQ(45, info->websvr_connect_timeout);
+  EXPECT_EQ(2, info->tunnel_use);
+  EXPECT_EQ(1, info->tunnel_enabled);
+  Values tunnels;
+  for (auto* e = info->tunnel_overrides; e; e = e->next)
+    tunnels.push_back(std::string(e->host) + ">" + e->tunnel);
+  EXPECT_EQ((Values{"master>tunnel1", "Other>tunnel2"}), tunnels);
+  EXPECT_EQ(2u, log.texts.size());  // the two malformed tunnel lines
+  qxconf_free_info(&info);
+  EXPECT_EQ(nullptr, info);
+
+  m_root.writeConfig("WEB_SERVER_TUNNEL_USE = 0\nWEB_SERVER_CONNECT_TIMEOUT = -5\n");
+  ASSERT_EQ(0, qxconf_get_info(&info));
+  EXPECT_EQ(nullptr, info->server_list);
+  EXPECT_EQ(0, info->tunnel_use);
+  EXPECT_EQ(0, info->websvr_connect_timeout);
+  EXPECT_EQ(0, info->tunnel_enabled);
+  qxconf_free_info(&info);
+}
+
+TEST(RootTest, PathsFollowTheRelocatedRoot) {
+  setenv("ARVION_ROOT", "/tmp/elsewhere/", 1);
+  struct Case {
+    const char* in;
+    const char* out;
+  } cases[] = {
+      {"/usr/tarvo/tmp", "/tmp/elsewhere/tmp"},
+      {"/usr/tarvo", "/tmp/elsewhere"},
+      {"/usr/tarvo/var/webtruststore/cacert.pem", "/tmp/elsewhere/var/webtruststore/cacert.pem"},
+      {"/usr/tarvox/tmp", "/usr/tarvox/tmp"},
+      {"/etc/hosts", "/etc/hosts"},
+      {"relative", "relative"}};
+  for (const Case& c : cases) EXPECT_EQ(c.out, qxRootPath(c.in)) << c.in;
+  char buf[64];
+  EXPECT_EQ(0, getQXInstallDir(buf, sizeof buf));
+  EXPECT_STREQ("/tmp/elsewhere/", buf);
+  EXPECT_EQ(20, getQXInstallDir(buf, 5));
+  EXPECT_EQ(20, getQXInstallDir(nullptr, 64));
+  unsetenv("ARVION_ROOT");
+  EXPECT_EQ("/usr/tarvo/tmp", qxRootPath("/usr/tarvo/tmp"));
+}
+
+}  // namespace

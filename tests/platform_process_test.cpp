@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <csignal>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform_test_root.h"
+#include "qx_process.h"
+
+namespace {
+
+TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
+  struct Case {
+    std::string path;
+    std::vector<std::string> args;
+    int status;
+    bool exited;
+    int exitStatus;
+    int signal;
+  } cases[] = {
+      {"/bin/true", {}, 0, true, 0, 0},
+      {"/bin/false", {}, 30, true, 1, 0},
+      {"/bin/sh", {"-c", "exit 7"}, 30, true, 7, 0},
+      {"/bin/sh", {"-c", "kill -TERM $$"}, 31, false, -1, SIGTERM},
+      {"/no/such/program", {}, 29, false, -1, 0},
+      {"true", {}, 29, false, -1, 0},  // no PATH search
+      {"", {}, 20, false, -1, 0},
+  };
+  for (const Case& c : cases) {
+    QXChildInfo info;
+    int status = ProcessExec::executeCommand(c.path, c.args, info);
+    EXPECT_EQ(c.status, status) << c.path;
+    EXPECT_EQ(c.exited, info.exited) << c.path;
+    EXPECT_EQ(c.exitStatus, info.exitStatus) << c.path;
+    EXPECT_EQ(c.signal, info.termSignal) << c.path;
+    EXPECT_FALSE(ProcessExec::getErrorReason(status, &info).empty());
+  }
+  QXChildInfo info;
+  ProcessExec::executeCommand("/no/such/program", {}, info);
+  EXPECT_EQ(ENOENT, info.spawnErrno);
+  EXPECT_NE(std::string::npos,
+            ProcessExec::getErrorReason(29, &info).find("No such file or directory"));
+  ProcessExec::executeCommand("/bin/sh", {"-c", "exit 3"}, info);
+  EXPECT_EQ("exited with code 3", ProcessExec::getErrorReason(30, &info));
+}
+
+TEST(ProcessTest, ArgumentsReachTheProgramUntouchedByAShell) {
+  PlatformTestRoot root;
+  std::string out = root.path("args.txt");
+  const std::string tricky = "a b;$(touch x) 'q' \"d\" *";
+  QXChildInfo info;
+  ASSERT_EQ(0, ProcessExec::executeCommand(
+                   "/bin/sh",
+                   {"-c", "printf '%s|%s' \"$1\" \"$2\" > \"$3\"", "sh", tricky, "", out}, info));
+  std::ifstream in(out);
+  std::stringstream got;
+  got << in.rdbuf();
+  EXPECT_EQ(tricky + "|", got.str());
+
+  bool noWait = false;
+  ASSERT_EQ(0, ProcessExec::executeCommand("/bin/true", {}, info, noWait));
+  ASSERT_GT(info.pid, 0);
+  int st = 0;
+  EXPECT_EQ(info.pid, waitpid(info.pid, &st, 0));  // the caller reaps it
+}
+
+TEST(ProcessTest, PopenReadsTheFirstLineAndReportsTheExit) {
+  QXChildInfo info;
+  FILE* f = popen_r("printf 'abc\\nsecond\\n'; exit 4", "r", &info);
+  ASSERT_NE(nullptr, f);
+  EXPECT_GT(info.pid, 0);
+  char line[64] = {0};
+  ASSERT_NE(nullptr, fgets(line, sizeof line, f));
+  EXPECT_STREQ("abc\n", line);
+  int ws = pclose_r(f, &info);
+  EXPECT_TRUE(WIFEXITED(ws));
+  EXPECT_EQ(4, info.exitStatus);
+
+  f = popen_r("true", "r", nullptr);
+  ASSERT_NE(nullptr, f);
+  EXPECT_EQ(nullptr, fgets(line, sizeof line, f));  // printed nothing
+  EXPECT_EQ(0, pclose_r(f, 0));
+
+  EXPECT_EQ(-1, pclose_r(nullptr, nullptr));
+  EXPECT_EQ(nullptr, popen_r(nullptr, "r", nullptr));
+  EXPECT_EQ(nullptr, popen_r("true", "x", nullptr));
+}
+
+}  // namespace
