@@ -1,0 +1,514 @@
+// Client object: construction, option setters, request headers, callbacks,
+// process-wide libcurl set-up and the factory and environment objects.
+#include "qxclnt_curl.h"
+
+#include <openssl/ssl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <sstream>
+
+#include "login_with_cert_manager.h"
+#include "prefnet/qxclnt_prefnet.h"
+#include "qx_config.h"
+#include "qx_log.h"
+#include "qx_root.h"
+#include "qx_util.h"
+#include "websvc_tunnel_router.h"
+
+bool QXClientCURL::gAppControlledInitCleanup = false;
+
+namespace {
+constexpr long DEFAULT_OPERATION_TIMEOUT = 300;
+constexpr long CONNECTOR_TIMEOUT = 300;
+constexpr int64_t DEFAULT_RETRY_WINDOW = 30;
+const char* const PRIV_KEY_SUFFIX = "/var/qbss/credentials/keystore/PrivKeyFile.pem";
+
+CURLcode (*g_easyPerformer)(CURL*) = nullptr;
+unsigned (*g_sleeper)(unsigned) = nullptr;
+time_t (*g_timeSource)(time_t*) = nullptr;
+
+std::string makeClientId() {
+  std::ostringstream os;
+  os << QX_HEADER_X_CLIENT_ID_VALUE << "-" << get_exe_basename() << "-" << getpid();
+  return os.str();
+}
+
+caLoadType loadTypeFor(const std::string& caType) {
+  if (caType == "QXCA") return CA_LOAD_FORCE_QXCA;
+  if (caType == "ECA") return CA_LOAD_FORCE_ECA;
+  return CA_LOAD_CONFIGURED;
+}
+}  // namespace
+
+QXClientCURL_Base::~QXClientCURL_Base() = default;
+QXClientCURL_BaseFactory::~QXClientCURL_BaseFactory() = default;
+
+// ---- test seams ----
+
+void QXClientCURL::T_setCurlEasyPerformer(CURLcode (*performer)(CURL*)) {
+  g_easyPerformer = performer;
+}
+
+CURLcode QXClientCURL::T_curl_easy_perform(CURL* handle) {
+  return g_easyPerformer ? g_easyPerformer(handle) : curl_easy_perform(handle);
+}
+
+void QXClientCURL::T_setTsleep(unsigned (*sleeper)(unsigned)) { g_sleeper = sleeper; }
+
+void QXClientCURL::T_setTimeSource(time_t (*now)(time_t*)) { g_timeSource = now; }
+
+unsigned QXClientCURL::T_sleep(unsigned seconds) {
+  return g_sleeper ? g_sleeper(seconds) : ::sleep(seconds);
+}
+
+time_t QXClientCURL::T_time() { return g_timeSource ? g_timeSource(nullptr) : ::time(nullptr); }
+
+// ---- construction ----
+
+QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certType,
+                           QXCurlSessionType sessionType, TokenManager_Base* tokenManager,
+                           const std::string& installPath, bool tunnelAllowed, bool routeOnServer,
+                           bool ownsTokenManager, const std::string& caType,
+                           const std::string& trustStorePath, const std::string& keyPath,
+                           const std::string& certPath, const std::string& passphrase,
+                           const std::string& crlPath, bool skipPKIInfo,
+                           const bool& skipTrustProcessing, const std::string& locale, int reserved)
+    : m_keyPath(keyPath),
+      m_sessionType(sessionType),
+      m_server(server),
+      m_certType(certType),
+      m_tunnelAllowed(tunnelAllowed),
+      m_port(port),
+      m_routeOnServer(routeOnServer),
+      m_caType(caType),
+      m_trustStorePath(trustStorePath),
+      m_installPath(installPath),
+      m_locale(locale),
+      m_reserved(reserved),
+      m_skipPKIInfo(skipPKIInfo) {
+  const char* tag = "QXClientCURL::QXClientCURL";
+  std::memset(m_errorBuffer, 0, sizeof(m_errorBuffer));
+  m_clientId = makeClientId();
+  if (!certPath.empty()) m_certPath = certPath;
+  if (!passphrase.empty()) m_passphrase = passphrase;
+  if (!crlPath.empty()) m_crlPath = crlPath;
+
+  if (server.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "server name should not be null";
+    throw 20;
+  }
+  if (port < 1) {
+    QXLOG(QXLOG_ERROR, tag) << "port number should not be zero or negative";
+    throw 20;
+  }
+  if (sessionType < QXCURL_INSECURE || sessionType > QXCURL_USE_TPCA_CERT) {
+    QXLOG(QXLOG_ERROR, tag) << "Invalid QXCURL session type";
+    throw 20;
+  }
+  m_connectHost = server;
+  m_server_url = "https://" + server + ":" + std::to_string(port) + "/";
+  m_tunnelName = server;
+
+  initGlobalCurl();
+
+  QXLOG(QXLOG_PROGRESS, tag) << "Performing curl_easy_init()";
+  m_curlHandle = curl_easy_init();
+  if (m_curlHandle == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << "Curl initialization failed ...";
+    throw 103;
+  }
+  try {
+    applyHandleDefaults();
+
+    // Default trust and key locations of an installation, when the caller
+    // named none.
+    if (m_trustStorePath.empty() && m_keyPath.empty() && !installPath.empty()) {
+      if (m_caType == "QXCA") m_trustStorePath = installPath + "/var/webtruststore/cacert.pem";
+      QXLOG(QXLOG_ERROR, tag) << "Non-existent private key path accessed. " << PRIV_KEY_SUFFIX;
+      m_keyPath = installPath + PRIV_KEY_SUFFIX;
+    }
+    m_CACertPath = m_trustStorePath;
+
+    m_httpCode = 0;
+    m_peerVerificationFlag = true;
+    m_allowFailedCrlCheck = false;
+    m_crlDownload = true;
+    unsigned int level = 1;
+    if (getCrlCheckLevelFromConfig(&level) != 0) {
+      QXLOG(QXLOG_ERROR, tag)
+          << "failed to get CRL check level from configuration file, setting to default";
+      level = 1;
+    }
+    m_crlCheckLevel = level;
+
+    if (qxcurl_bpconf_keyvalue_state("ENABLE_QXCURL_VERBOSE", false)) setCurlVerbose();
+
+    if (tokenManager != nullptr) {
+      m_tokenManager = tokenManager;
+      m_ownsTokenManager = ownsTokenManager;
+    } else {
+      std::ostringstream tokenFile, lockFile;
+      LoginWithCertManager::setJWTFilePaths(server, certType, tokenFile, lockFile,
+                                            is_current_user_configured_service_admin(0));
+      m_tokenManager =
+          new LoginWithCertManager(port, certType, qxRootPath("/usr/tarvo/tmp"), tokenFile.str(),
+                                   lockFile.str(), skipTrustProcessing);
+      m_ownsTokenManager = true;
+    }
+
+    int rc = applySessionTLSParams();
+    if (sessionType == QXCURL_GET_NEW_TOKEN) {
+      m_tokenManager->setupCurlOption(this);
+      QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_GET_NEW_TOKEN session type";
+    } else if (sessionType == QXCURL_USE_TPCA_CERT) {
+      QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_USE_TPCA_CERT session type";
+    }
+    if (rc != 0) QXLOG(QXLOG_DETAIL, tag) << "FAILED to set cURL params for https.";
+
+    m_connectionsDisabled = qxcurl_bpconf_keyvalue_state("DISABLE_QXCURL_CONNECTIONS", false);
+    m_preferredNetworksDisabled =
+        qxcurl_bpconf_keyvalue_state("DISABLE_QXCURL_PREFERRED_NETWORKS", false);
+    m_tunnelRouter = new QXWebsvcTunnelRouter();
+    m_connector =
+        new qxclnt_curl_prefnet(m_connectHost, static_cast<unsigned>(port), CONNECTOR_TIMEOUT);
+    m_connectorTimeout = CONNECTOR_TIMEOUT;
+    m_retrying = false;
+    m_retryCount = 0;
+    if (m_connectionTimeout == 0) {
+      m_connectionTimeout = m_tunnelRouter->getWebServerConnectTimeout();
+      if (m_connectionTimeout == 0) m_connectionTimeout = DEFAULT_RETRY_WINDOW;
+    }
+    m_triedTunnels.clear();
+  } catch (...) {
+    // The destructor does not run for a half-built object.
+    if (m_ownsTokenManager) delete m_tokenManager;
+    delete m_tunnelRouter;
+    delete m_connector;
+    curl_slist_free_all(m_headerList);
+    curl_easy_cleanup(m_curlHandle);
+    throw;
+  }
+}
+
+QXClientCURL::~QXClientCURL() {
+  curl_slist_free_all(m_headerList);
+  m_headerList = nullptr;
+  curl_slist_free_all(m_resolveList);
+  m_resolveList = nullptr;
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::~QXClientCURL") << "Performing curl_easy_cleanup()";
+  curl_easy_cleanup(m_curlHandle);
+  m_curlHandle = nullptr;
+  if (m_ownsTokenManager) delete m_tokenManager;
+  m_tokenManager = nullptr;
+  delete m_tunnelRouter;
+  m_tunnelRouter = nullptr;
+  delete m_connector;
+  m_connector = nullptr;
+}
+
+// TLS parameters by session type.
+int QXClientCURL::applySessionTLSParams() {
+  caLoadType lt = loadTypeFor(m_caType);
+  switch (m_sessionType) {
+    case QXCURL_INSECURE:
+      QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL") << "QXCURL Insecure requested";
+      return setCurlTLSParams(lt, false, lt == CA_LOAD_CONFIGURED ? m_skipPKIInfo : false);
+    case QXCURL_USE_TOKEN:
+    case QXCURL_GET_NEW_TOKEN:
+      return setCurlTLSParams(lt, false, false);
+    case QXCURL_USE_TPCA_CERT:
+      return setCurlTLSParams(CA_LOAD_FORCE_ECA, true, m_skipPKIInfo);
+  }
+  return 20;
+}
+
+// Options every fresh (or reset) handle carries.
+void QXClientCURL::applyHandleDefaults() {
+  setCurlOptionLogged(CURLOPT_ERRORBUFFER, static_cast<void*>(m_errorBuffer),
+                      "CURLOPT_ERRORBUFFER");
+  setCurlOptionLogged(CURLOPT_HEADER, 0L, "CURLOPT_HEADER");
+  setCurlOptionLogged(CURLOPT_FOLLOWLOCATION, 1L, "CURLOPT_FOLLOWLOCATION");
+  setCurlCallbackForHeaderAndData();
+  applyDefaultHeaders();
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL")
+      << "Disabling any proxy option set in the environment.";
+  setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY");
+  setCurlOptionLogged(CURLOPT_CERTINFO, 1L, "CURLOPT_CERTINFO");
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL")
+      << "Setting default CURL timeout = [" << DEFAULT_OPERATION_TIMEOUT << "] seconds";
+  setCurlOptionLogged(CURLOPT_TIMEOUT, DEFAULT_OPERATION_TIMEOUT, "CURLOPT_TIMEOUT");
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL") << "Disable signal during name resolution.";
+  setCurlOptionLogged(CURLOPT_NOSIGNAL, 1L, "CURLOPT_NOSIGNAL");
+}
+
+void QXClientCURL::applyDefaultHeaders() {
+  curl_slist_free_all(m_headerList);
+  m_headerList = nullptr;
+  addHeaderField("Accept: ", QX_MEDIA_TYPE_VERSION);
+  addHeaderField("Content-Type: ", QX_MEDIA_TYPE_VERSION);
+  addHeaderField(QX_HEADER_X_CLIENT_ID, m_clientId);
+  if (m_locale.size() < 2) {
+    QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL") << "Skipping local setting";
+  } else {
+    std::string lang = m_locale.substr(0, 2);
+    addHeaderField("Accept-Language: ", lang);
+    QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL") << "Setting locale to : " << lang;
+  }
+}
+
+int QXClientCURL::setCurlOptionLogged(CURLoption option, long value, const char* name) {
+  CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
+  if (rc == CURLE_OK) return 0;
+  m_curlError = rc;
+  QXLOG(QXLOG_OPTION, "QXClientCURL::setCurlOption")
+      << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
+  return mapCurlError();
+}
+
+int QXClientCURL::setCurlOptionLogged(CURLoption option, const char* value, const char* name) {
+  CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
+  if (rc == CURLE_OK) return 0;
+  m_curlError = rc;
+  QXLOG(QXLOG_OPTION, "QXClientCURL::setCurlOption")
+      << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
+  return mapCurlError();
+}
+
+int QXClientCURL::setCurlOptionLogged(CURLoption option, void* value, const char* name) {
+  CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
+  if (rc == CURLE_OK) return 0;
+  m_curlError = rc;
+  QXLOG(QXLOG_OPTION, "QXClientCURL::setCurlOption")
+      << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
+  return mapCurlError();
+}
+
+// ---- process-wide set-up ----
+
+void QXClientCURL::initGlobalCurl() {
+  if (gAppControlledInitCleanup) return;
+  CURLcode rc = curl_global_init(CURL_GLOBAL_ALL);
+  if (rc != CURLE_OK) {
+    QXLOG(QXLOG_ERROR, "QXClientCURL::initGlobalCurl")
+        << "Failed to initialize the connection, " << curl_easy_strerror(rc);
+    throw 103;
+  }
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::initGlobalCurl") << "Curl initialized successfully.";
+  gAppControlledInitCleanup = true;
+}
+
+void QXClientCURL::cleanupGlobalCurl() {
+  curl_global_cleanup();
+  gAppControlledInitCleanup = false;
+}
+
+QXClientCURLEnv::QXClientCURLEnv(bool initTLS) : m_initTLS(initTLS) {
+  if (m_initTLS) OPENSSL_init_ssl(0, nullptr);
+  try {
+    QXClientCURL::initGlobalCurl();
+  } catch (int) {
+    // Logged by initGlobalCurl; the first client retries and reports it.
+  }
+}
+
+// OpenSSL 3 finalises itself at process exit; an explicit OPENSSL_cleanup here
+// would make any later TLS use in the process fail.
+QXClientCURLEnv::~QXClientCURLEnv() { QXClientCURL::cleanupGlobalCurl(); }
+
+// ---- factory ----
+
+QXClientCURLFactory::QXClientCURLFactory(cert_type certType) : m_certType(certType) {}
+
+QXClientCURLFactory::QXClientCURLFactory(const std::string& installPath,
+                                         const std::list<std::string>& tunnelServers)
+    : m_certType(CERT_TYPE_HOST), m_installPath(installPath), m_tunnelServers(tunnelServers) {}
+
+QXClientCURL_Base* QXClientCURLFactory::generateCURL(const std::string& server, int port,
+                                                     QXCurlSessionType sessionType) {
+  try {
+    QXClientCURL* client =
+        new QXClientCURL(server, port, m_certType, sessionType, nullptr, m_installPath, true, false,
+                         false, "", "", "", "", "", "", false, false, "", 0);
+    client->setAdditionalTunnelServers(m_tunnelServers);
+    return client;
+  } catch (int status) {
+    QXLOG(QXLOG_ERROR, "QXClientCURLFactory::generateCURL")
+        << "Failed to create client, status = [" << status << "]";
+    return nullptr;
+  }
+}
+
+// ---- configuration ----
+
+bool QXClientCURL::qxcurl_bpconf_keyvalue_state(const char* key, bool dflt) {
+  const char* tag = "QXClientCURL::qxcurl_bpconf_keyvalue_state";
+  int rc = QX_read_master_config();
+  if (rc != 0) {
+    QXLOG(QXLOG_ERROR, tag) << "Master config read failed with error: " << rc;
+    return dflt;
+  }
+  bool value = false;
+  if (bpconfGetKeyValPairAsBool(get_master_config_ptr(), key, &value) == 0 && value) {
+    QXLOG(QXLOG_PROGRESS, tag) << key << " is set";
+    return true;
+  }
+  QXLOG(QXLOG_PROGRESS, tag) << key << " is not set";
+  return false;
+}
+
+// ---- simple setters ----
+
+int QXClientCURL::setupURL(const std::string& url) {
+  m_server_url = url;
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::setupURL") << "m_server_url = [" << url << "]";
+  return 0;
+}
+
+int QXClientCURL::setConnectTimeout(long seconds) {
+  return setCurlOptionLogged(CURLOPT_CONNECTTIMEOUT, seconds, "CURLOPT_CONNECTTIMEOUT");
+}
+
+int QXClientCURL::setupCurlOperationTimeout(long seconds) {
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::setupCurlOperationTimeout")
+      << "Setting CURL timeout = [" << seconds << "] seconds";
+  return setCurlOptionLogged(CURLOPT_TIMEOUT, seconds, "CURLOPT_TIMEOUT");
+}
+
+int QXClientCURL::setConnectRetryTimeout(int64_t seconds) {
+  m_connectionTimeout = seconds;
+  return 0;
+}
+
+// ---- request headers ----
+
+int QXClientCURL::addHeaderField(const std::string& name, const std::string& value) {
+  if (findHeaderField(name)) deleteHeaderField(name);
+  std::string line = name + value;
+  curl_slist* list = curl_slist_append(m_headerList, line.c_str());
+  if (list == nullptr) {
+    QXLOG(QXLOG_ERROR, "QXClientCURL::addHeaderField") << "Unable to add header line";
+    return 10;
+  }
+  m_headerList = list;
+  return 0;
+}
+
+bool QXClientCURL::findHeaderField(const std::string& name) {
+  for (curl_slist* p = m_headerList; p != nullptr; p = p->next) {
+    if (p->data != nullptr && std::strstr(p->data, name.c_str()) != nullptr) return true;
+  }
+  return false;
+}
+
+// Same substring rule as findHeaderField, so that whatever find reports is
+// what delete removes.
+int QXClientCURL::deleteHeaderField(const std::string& name) {
+  curl_slist* kept = nullptr;
+  for (curl_slist* p = m_headerList; p != nullptr; p = p->next) {
+    if (p->data == nullptr || std::strstr(p->data, name.c_str()) != nullptr) continue;
+    curl_slist* next = curl_slist_append(kept, p->data);
+    if (next == nullptr) {
+      curl_slist_free_all(kept);
+      return 10;
+    }
+    kept = next;
+  }
+  curl_slist_free_all(m_headerList);
+  m_headerList = kept;
+  return 0;
+}
+
+int QXClientCURL::getHTTPRequestHeader(const std::string& name, std::string& value) {
+  for (curl_slist* p = m_headerList; p != nullptr; p = p->next) {
+    if (p->data == nullptr || std::strstr(p->data, name.c_str()) == nullptr) continue;
+    std::string line = p->data;
+    size_t colon = line.find(':');
+    value = colon == std::string::npos ? std::string() : trim(line.substr(colon + 1));
+    return 0;
+  }
+  value.clear();
+  return 227;
+}
+
+int QXClientCURL::setupAcceptCurlOption(const std::string& value) {
+  std::string line = "Accept: " + value;
+  // Callers sometimes pass the whole line.
+  if (value.compare(0, 8, "Accept: ") == 0) line = value;
+  curl_slist* list = curl_slist_append(m_headerList, line.c_str());
+  if (list == nullptr) return 10;
+  m_headerList = list;
+  return 0;
+}
+
+int QXClientCURL::setPostOptions(const std::string& payload) {
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::setPostOptions") << "setting curl post options ...";
+  int rc = setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, "POST", "CURLOPT_CUSTOMREQUEST");
+  if (rc != 0) return rc;
+  m_customRequest = true;
+  rc = setCurlOptionLogged(CURLOPT_POST, 1L, "CURLOPT_POST");
+  if (rc != 0) return rc;
+  rc = setCurlOptionLogged(CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()),
+                           "CURLOPT_POSTFIELDSIZE");
+  if (rc != 0) return rc;
+  return setCurlOptionLogged(CURLOPT_COPYPOSTFIELDS, payload.c_str(), "CURLOPT_COPYPOSTFIELDS");
+}
+
+int QXClientCURL::setHeaderWithToken(const std::string& token) {
+  deleteHeaderField("Authorization:");
+  addHeaderField("Authorization: ", (m_useBearer ? "Bearer " : "") + token);
+  return setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList),
+                             "CURLOPT_HTTPHEADER");
+}
+
+// ---- callbacks ----
+
+size_t QXClientCURL::write_data(void* ptr, size_t size, size_t nmemb, void* userData) {
+  size_t n = size * nmemb;
+  if (userData != nullptr && n > 0)
+    static_cast<std::string*>(userData)->append(static_cast<const char*>(ptr), n);
+  return n;
+}
+
+size_t QXClientCURL::write_header(char* ptr, size_t size, size_t nmemb, void* userData) {
+  return write_data(ptr, size, nmemb, userData);
+}
+
+int QXClientCURL::setCurlCallbackForHeaderAndData() {
+  int rc = setCurlOptionLogged(CURLOPT_WRITEFUNCTION, reinterpret_cast<void*>(&write_data),
+                               "CURLOPT_WRITEFUNCTION");
+  int rc2 = setCurlOptionLogged(CURLOPT_WRITEDATA, static_cast<void*>(&m_responseBody),
+                                "CURLOPT_WRITEDATA");
+  int rc3 = setCurlOptionLogged(CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(&write_header),
+                                "CURLOPT_HEADERFUNCTION");
+  int rc4 = setCurlOptionLogged(CURLOPT_HEADERDATA, static_cast<void*>(&m_responseHeaders),
+                                "CURLOPT_HEADERDATA");
+  return rc ? rc : rc2 ? rc2 : rc3 ? rc3 : rc4;
+}
+
+int QXClientCURL::setWriteDataFunction(curl_write_callback callback, void* userData) {
+  int rc = setCurlOptionLogged(CURLOPT_WRITEFUNCTION, reinterpret_cast<void*>(callback),
+                               "CURLOPT_WRITEFUNCTION");
+  if (rc != 0) return rc;
+  return setCurlOptionLogged(CURLOPT_WRITEDATA, userData, "CURLOPT_WRITEDATA");
+}
+
+int QXClientCURL::resetCurl() {
+  if (m_curlHandle == nullptr) {
+    QXLOG(QXLOG_ERROR, "QXClientCURL::resetCurl") << "Curl initialization failed ...";
+    return 103;
+  }
+  curl_easy_reset(m_curlHandle);
+  m_customRequest = false;
+  m_socketCallbacksInstalled = false;
+  // The header list is kept (it carries the negotiated version and token);
+  // only the handle options go back to the constructor's.
+  curl_slist* headers = m_headerList;
+  m_headerList = nullptr;
+  applyHandleDefaults();
+  curl_slist_free_all(m_headerList);
+  m_headerList = headers;
+  if (qxcurl_bpconf_keyvalue_state("ENABLE_QXCURL_VERBOSE", false)) setCurlVerbose();
+  applySessionTLSParams();
+  return 0;
+}

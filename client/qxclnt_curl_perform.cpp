@@ -1,0 +1,720 @@
+// Request verbs, the perform loop with its connection retries, the retry
+// timer, token refresh and the client's tunnel options.
+#include <strings.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "json_token_manager.h"
+#include "prefnet/qxclnt_prefnet.h"
+#include "qx_log.h"
+#include "qx_util.h"
+#include "qx_wnet.h"
+#include "qxclnt_curl.h"
+#include "websvc_tunnel_router.h"
+
+namespace {
+constexpr int STATUS_TOKEN = 5930;
+constexpr int STATUS_503_UNREADABLE = 8625;
+constexpr int64_t DEFAULT_RETRY_WINDOW = 30;
+const char* const TUNNEL_PORT = "1556";
+
+enum NextAction { STOP = 0, RETRY_DIRECT = 1, NEXT_SILENT = 2, RETRY_TUNNEL = 3, NEXT_TUNNEL = 4 };
+
+// Post sends line ends escaped; the web service expects them that way.
+std::string escapeLineEnds(const std::string& payload) {
+  std::string out;
+  out.reserve(payload.size());
+  for (char c : payload) {
+    if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+}  // namespace
+
+// ---- verbs ----
+
+int QXClientCURL::setUrlForPath(const std::string& path, const char* failText) {
+  std::string url = m_server_url + path;
+  CURLcode rc = curl_easy_setopt(m_curlHandle, CURLOPT_URL, url.c_str());
+  if (rc != CURLE_OK) {
+    m_curlError = rc;
+    QXLOG(QXLOG_ERROR, "setupURL") << failText << curl_easy_strerror(rc);
+    return mapCurlError();
+  }
+  m_requestPath = path;
+  return 0;
+}
+
+int QXClientCURL::Get(const std::string& path) {
+  return GetWithCache(CACHE_USAGE_NONE, path, WEBSVC_RESPONSE_JSON, 86400);
+}
+
+// The cache of web-service results is not consulted yet: every decision
+// goes to the network.
+int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string& path,
+                               WebSvcResponseType /*type*/, int /*defaultTtl*/) {
+  const char* tag = "QXClientCURL::GetWithCache";
+  std::string url = m_server_url + path;
+  if (decision != CACHE_USAGE_NONE) {
+    QXLOG(QXLOG_PROGRESS, tag) << "Checking cache before/after web-api for path:" << path;
+  }
+  QXLOG(QXLOG_PROGRESS, tag) << "Request not served from cache hence invoking URL: " << url;
+  setCurlOptionLogged(CURLOPT_HTTPGET, 1L, "CURLOPT_HTTPGET");
+  if (m_customRequest) setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, "GET", "CURLOPT_CUSTOMREQUEST");
+  int rc = setUrlForPath(path, "Failed to set url, err = ");
+  if (rc != 0) return rc;
+  return performOperation();
+}
+
+void QXClientCURL::mockCacheTTL(int ttl) {
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::mockCacheTTL") << "Mocking TTL value to: " << ttl;
+  m_mockTTL = true;
+  m_mockTTLValue = ttl;
+}
+
+int QXClientCURL::Post(const std::string& path, const std::string& payload) {
+  const char* tag = "QXClientCURL::Post";
+  if (payload.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "payLoad should not be null";
+    return 20;
+  }
+  int rc = setUrlForPath(path, "Failed to set url, err = ");
+  if (rc != 0) return rc;
+  QXLOG(QXLOG_PROGRESS, tag) << "POSTing to URL " << m_server_url << path;
+  QXLOG(QXLOG_PROGRESS, tag) << "Sending payload ...";
+  rc = setPostOptions(escapeLineEnds(payload));
+  if (rc != 0) return rc;
+  return performOperation();
+}
+
+// Put and Patch hand libcurl the caller's bytes as they are (no copy, no
+// rewriting), unlike Post.
+int QXClientCURL::setBodyOptions(const char* method, const std::string& payload) {
+  int rc = setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, method, "CURLOPT_CUSTOMREQUEST");
+  if (rc != 0) return rc;
+  m_customRequest = true;
+  rc = setCurlOptionLogged(CURLOPT_POSTFIELDSIZE, static_cast<long>(payload.size()),
+                           "CURLOPT_POSTFIELDSIZE");
+  if (rc != 0) return rc;
+  return setCurlOptionLogged(CURLOPT_POSTFIELDS, payload.c_str(), "CURLOPT_POSTFIELDS");
+}
+
+int QXClientCURL::Put(const std::string& path, const std::string& payload) {
+  const char* tag = "QXClientCURL::Put";
+  if (payload.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "payLoad should not be null";
+    return 20;
+  }
+  int rc = setUrlForPath(path, "Failed to set url, err = ");
+  if (rc != 0) return rc;
+  QXLOG(QXLOG_PROGRESS, tag) << "PUTing to URL " << m_server_url << path;
+  rc = setBodyOptions("PUT", payload);
+  if (rc != 0) return rc;
+  return performOperation();
+}
+
+int QXClientCURL::Patch(const std::string& path, const std::string& payload) {
+  const char* tag = "QXClientCURL::Patch";
+  if (payload.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "payLoad should not be null";
+    return 20;
+  }
+  int rc = setUrlForPath(path, "Failed to set url, err = ");
+  if (rc != 0) return rc;
+  QXLOG(QXLOG_PROGRESS, tag) << "Patching to URL " << m_server_url << path;
+  rc = setBodyOptions("PATCH", payload);
+  if (rc != 0) return rc;
+  return performOperation();
+}
+
+int QXClientCURL::Delete(const std::string& path) {
+  const char* tag = "QXClientCURL::Delete";
+  QXLOG(QXLOG_PROGRESS, tag) << "DELETEing using URL " << m_server_url << path;
+  int rc = setUrlForPath(path, "Failed to set url, err = ");
+  if (rc != 0) return rc;
+  // Drops a body left on the handle by an earlier Post, Put or Patch.
+  setCurlOptionLogged(CURLOPT_HTTPGET, 1L, "CURLOPT_HTTPGET");
+  CURLcode crc = curl_easy_setopt(m_curlHandle, CURLOPT_CUSTOMREQUEST, "DELETE");
+  if (crc != CURLE_OK) {
+    m_curlError = crc;
+    QXLOG(QXLOG_DETAIL, tag) << "FAILED to set CURLOPT_CUSTOMREQUEST in cURL. cURL :"
+                             << curl_easy_strerror(crc);
+    mapCurlError();
+  } else {
+    m_customRequest = true;
+  }
+  return performOperation();
+}
+
+int QXClientCURL::PostMultipartFile(const std::string& path, const std::string& localfile,
+                                    const std::string& remotefile, const std::string& type) {
+  const char* tag = "QXClientCURL::PostMultipartFile";
+  const struct {
+    const std::string& value;
+    const char* message;
+  } required[] = {{path, "argument list missing path value"},
+                  {localfile, "argument list missing localfile value"},
+                  {remotefile, "argument list missing remotefile value"},
+                  {type, "argument list missing type value"}};
+  for (const auto& r : required) {
+    if (r.value.empty()) {
+      QXLOG(QXLOG_ERROR, tag) << r.message;
+      return 20;
+    }
+  }
+  QXLOG(QXLOG_PROGRESS, tag) << "Multipart Posting to URL " << m_server_url << path;
+  int rc = setUrlForPath(path, "Failed to set url, err=");
+  if (rc != 0) return rc;
+
+  curl_mime* form = curl_mime_init(m_curlHandle);
+  curl_mimepart* part = form ? curl_mime_addpart(form) : nullptr;
+  CURLcode crc = CURLE_OUT_OF_MEMORY;
+  if (part != nullptr) {
+    crc = curl_mime_name(part, "file");
+    if (crc == CURLE_OK) crc = curl_mime_filedata(part, localfile.c_str());
+    if (crc == CURLE_OK) crc = curl_mime_filename(part, remotefile.c_str());
+    if (crc == CURLE_OK) crc = curl_mime_type(part, type.c_str());
+  }
+  if (crc != CURLE_OK) {
+    m_curlError = crc;
+    QXLOG(QXLOG_ERROR, tag) << "Failed to add local file to form, err=" << curl_easy_strerror(crc);
+    curl_mime_free(form);
+    return mapCurlError();
+  }
+
+  // libcurl writes the multipart Content-Type with its boundary; ours goes
+  // back once the upload is done.
+  std::string contentType;
+  bool hadContentType = getHTTPRequestHeader("Content-Type:", contentType) == 0;
+  deleteHeaderField("Content-Type:");
+  if (m_customRequest) {
+    curl_easy_setopt(m_curlHandle, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
+    m_customRequest = false;
+  }
+  crc = curl_easy_setopt(m_curlHandle, CURLOPT_MIMEPOST, form);
+  if (crc != CURLE_OK) {
+    m_curlError = crc;
+    QXLOG(QXLOG_ERROR, tag) << "Failed to set post action, err=" << curl_easy_strerror(crc);
+    rc = mapCurlError();
+  } else {
+    rc = performOperation();
+  }
+  crc = curl_easy_setopt(m_curlHandle, CURLOPT_MIMEPOST, static_cast<curl_mime*>(nullptr));
+  if (crc != CURLE_OK) {
+    QXLOG(QXLOG_ERROR, tag) << "Failed to clear post action, err=" << curl_easy_strerror(crc);
+  }
+  curl_mime_free(form);
+  if (hadContentType) addHeaderField("Content-Type: ", contentType);
+  return rc;
+}
+
+// ---- encoding ----
+
+int QXClientCURL::encodeUriString(const std::string& in, std::string& out) {
+  char* enc = curl_easy_escape(m_curlHandle, in.c_str(), static_cast<int>(in.size()));
+  if (enc == nullptr) {
+    QXLOG(QXLOG_ERROR, "QXClientCURL::encodeUriString")
+        << "Failed to convert input string to encoded value";
+    return 11;
+  }
+  out = enc;
+  curl_free(enc);
+  return 0;
+}
+
+int percentEncodeUriPart(const std::string& in, std::string& out) {
+  if (in.empty()) return 20;
+  char* enc = curl_easy_escape(nullptr, in.c_str(), static_cast<int>(in.size()));
+  if (enc == nullptr) return 11;
+  out = enc;
+  curl_free(enc);
+  return 0;
+}
+
+int percentDecodeUriPart(const std::string& in, std::string& out) {
+  if (in.empty()) {
+    out.clear();
+    return 0;
+  }
+  int len = 0;
+  char* dec = curl_easy_unescape(nullptr, in.c_str(), static_cast<int>(in.size()), &len);
+  if (dec == nullptr) return 11;
+  out.assign(dec, static_cast<size_t>(len));
+  curl_free(dec);
+  return 0;
+}
+
+// ---- token ----
+
+int QXClientCURL::refreshToken() {
+  const char* tag = "QXClientCURL::refreshToken";
+  QXLOG(QXLOG_PROGRESS, tag) << "Refreshing token";
+  std::string token;
+  int rc = m_tokenManager ? m_tokenManager->getToken(m_server, token, true, nullptr) : 20;
+  if (rc != 0) {
+    QXLOG(QXLOG_ERROR, tag) << "Failed to refresh authorization token. Actual Error code :" << rc
+                            << "return code :" << STATUS_TOKEN;
+    return STATUS_TOKEN;
+  }
+  deleteHeaderField("Authorization:");
+  addHeaderField("Authorization: ", (m_useBearer ? "Bearer " : "") + token);
+  QXLOG(QXLOG_PROGRESS, tag) << "New token saved";
+  return 0;
+}
+
+// ---- retry window and timer ----
+
+int QXClientCURL::startConnectionRetries() {
+  m_retrying = true;
+  m_retryCount = 0;
+  return 0;
+}
+
+int QXClientCURL::stopConnectionRetries() {
+  m_retryCount = 0;
+  m_retrying = false;
+  return 0;
+}
+
+bool QXClientCURL::isConnectionRetryWindowOver() {
+  time_t now = T_time();
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::isConnectionRetryWindowOver")
+      << "current_time = " << now << " | m_connection_start_time = " << m_connection_start_time
+      << " | m_connectionTimeout = " << m_connectionTimeout;
+  return (now - m_connection_start_time) >= m_connectionTimeout;
+}
+
+int QXClientCURL::getNextConnectionRetryTime() {
+  if (m_retryTimerQueue.empty()) {
+    populateTimerQueue(
+        static_cast<int>(m_connectionTimeout - (T_time() - m_connection_start_time)));
+  }
+  if (m_retryTimerQueue.empty()) return 1;
+  int next = m_retryTimerQueue.front();
+  m_retryTimerQueue.pop();
+  return next;
+}
+
+void QXClientCURL::populateTimerQueue(int seconds) {
+  if (seconds <= 0) return;
+  std::srand(static_cast<unsigned>(T_time()));
+  int count, interval, remainder;
+  if (seconds / 5 > 10) {
+    count = 10;
+    interval = seconds / 10;
+    remainder = seconds % 10;
+  } else {
+    count = seconds / 5;
+    interval = 5;
+    remainder = seconds % 5;
+  }
+  generateRandomSleep(count, interval);
+  if (remainder != 0) m_retryTimerQueue.push(remainder);
+}
+
+// Each retry lands at a random second inside its own interval; the queue
+// holds the gaps between those moments.
+void QXClientCURL::generateRandomSleep(int count, int interval) {
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::generateRandomSleep")
+      << "NoOfRetry:[" << count << "], RetryInterval:[" << interval << "]";
+  if (interval <= 0) return;
+  int previous = 0;
+  for (int i = 0; i < count; ++i) {
+    int moment = 1 + i * interval + std::rand() % interval;
+    m_retryTimerQueue.push(moment - previous);
+    previous = moment;
+  }
+}
+
+// One step of the retry window: false when it is closed (retries stopped).
+int QXClientCURL::retryUnderWindow(int /*status*/) {
+  const char* tag = "QXClientCURL::performOperation";
+  if (!m_retrying) {
+    startConnectionRetries();
+    QXLOG(QXLOG_PROGRESS, tag) << "STARTing retrying the connection...";
+  }
+  if (isConnectionRetryWindowOver()) {
+    stopConnectionRetries();
+    QXLOG(QXLOG_PROGRESS, tag) << "STOPping retrying the connection.";
+    return 0;
+  }
+  int wait = getNextConnectionRetryTime();
+  if (wait > 0) T_sleep(static_cast<unsigned>(wait));
+  QXLOG(QXLOG_PROGRESS, tag) << "Making Retry #" << (m_retryCount + 1) << " ...";
+  ++m_retryCount;
+  return 1;
+}
+
+int QXClientCURL::decideNextConnectRetryAction(int status, bool tunnelUsed) {
+  const char* tag = "QXClientCURL::decideNextConnectRetryAction";
+  const int64_t code = m_httpCode;
+  const int ce = m_curlError;
+  const bool t = tunnelUsed;
+  QXLOG(QXLOG_PROGRESS, tag) << "qxErrorCode = " << status << " | curl error = " << ce
+                             << " | m_httpCode = " << code << " | tunnelUsed = " << t;
+
+  auto rule9 = [&]() -> int {
+    if (status == 8509) return t ? NEXT_TUNNEL : STOP;
+    if (ce == CURLE_COULDNT_RESOLVE_PROXY && t && status == 8503) return NEXT_TUNNEL;
+    return STOP;
+  };
+  auto rule8 = [&]() -> int {
+    if (code != 502 && code != 504 && ce == CURLE_RECV_ERROR) {
+      if (status == 42 && t) {
+        QXLOG(QXLOG_PROGRESS, tag) << "Tunnel is down. m_httpCode = " << code;
+        return NEXT_TUNNEL;
+      }
+      return rule9();
+    }
+    if (ce == CURLE_COULDNT_CONNECT) {
+      if (t && status == 8500) return NEXT_TUNNEL;
+      if (status == 8509) return t ? NEXT_TUNNEL : STOP;
+      return STOP;
+    }
+    return rule9();
+  };
+  auto rule7 = [&]() -> int {
+    if (ce == CURLE_PEER_FAILED_VERIFICATION) {
+      if (t && status == 8504) return NEXT_TUNNEL;
+      return rule9();
+    }
+    return rule8();
+  };
+  auto rule6 = [&]() -> int {
+    if (code == 502 || code == 504) {
+      if (ce != CURLE_RECV_ERROR) return rule7();
+      if (status == 42 && t) {
+        if (isTunnelConnectedToRightMaster()) {
+          QXLOG(QXLOG_PROGRESS, tag) << "Host is down. m_httpCode = " << code;
+          return STOP;
+        }
+        QXLOG(QXLOG_PROGRESS, tag)
+            << "Host is down; but it's possibly a wrong Master server. m_httpCode = " << code;
+        return NEXT_TUNNEL;
+      }
+      return rule8();
+    }
+    return rule7();
+  };
+  auto rule5 = [&]() -> int {
+    if (status == 26 && t) {
+      if (isTunnelConnectedToRightMaster()) {
+        QXLOG(QXLOG_PROGRESS, tag) << "QbPBX/QXU on host is down.";
+        return RETRY_TUNNEL;
+      }
+      QXLOG(QXLOG_PROGRESS, tag)
+          << "QbPBX/QXU on host is down; but it's possibly a wrong Master server.";
+      return NEXT_TUNNEL;
+    }
+    return rule8();
+  };
+  auto decide = [&]() -> int {
+    if (code == 503) return t ? RETRY_TUNNEL : RETRY_DIRECT;
+    if (ce == CURLE_SSL_CONNECT_ERROR) {
+      if (!t && status == 26) return STOP;
+      if (code == 400) return STOP;
+      if (code == 200) return rule5();
+      return rule6();
+    }
+    if (code == 400) return STOP;
+    if (ce == CURLE_COULDNT_CONNECT) {
+      if (!t && status == 8500) return NEXT_SILENT;
+      return rule7();
+    }
+    if (code == 200) return rule7();
+    return rule6();
+  };
+  int action = decide();
+  QXLOG(QXLOG_PROGRESS, tag) << "Recommended next action = " << action;
+  return action;
+}
+
+// ---- perform ----
+
+int QXClientCURL::performOperation() {
+  const char* tag = "QXClientCURL::performOperation";
+  m_connectHost = m_server;
+  bool localIsServer = wnet_is_server("localhost");
+  if (!m_routeOnServer && localIsServer) return performCurlOperation();
+  if (m_tunnelRouter == nullptr) return 10;
+  stopConnectionRetries();
+  m_triedTunnels.clear();
+
+  if (localIsServer || !m_tunnelRouter->useHttpTunnel() || !m_tunnelAllowed) {
+    m_connection_start_time = T_time();
+    for (;;) {
+      int status = performCurlOperation();
+      if (status == 0) return 0;
+      if (decideNextConnectRetryAction(status, false) != RETRY_DIRECT) return status;
+      QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Retrying the connection.";
+      if (!retryUnderWindow(status)) return status;
+    }
+  }
+
+  QXLOG(QXLOG_PROGRESS, tag) << "Configuration suggests use of tunnel.";
+  QXLOG(QXLOG_PROGRESS, tag) << "Looking up tunnels for master server [" << m_server << "].";
+  m_tunnelRouter->resetState();
+  if (m_connectionTimeout == 0) {
+    m_connectionTimeout = m_tunnelRouter->getWebServerConnectTimeout();
+    if (m_connectionTimeout == 0) m_connectionTimeout = DEFAULT_RETRY_WINDOW;
+  }
+  int status = 0;
+  bool done = false;
+  while (!done) {
+    QXLOG(QXLOG_PROGRESS, tag) << "Querying client router for a list of tunnels.";
+    std::list<std::string> candidates = m_tunnelRouter->getWebsvcTunnelServers(m_server);
+    QXLOG(QXLOG_PROGRESS, tag) << "Received a list of potential tunnels.";
+    if (candidates.empty()) {
+      QXLOG(QXLOG_PROGRESS, tag) << "Router returned 0 suggestions for tunnel. Exiting...";
+      break;
+    }
+    for (const std::string& candidate : candidates) {
+      if (!m_retrying) m_connection_start_time = T_time();
+      if (!candidate.empty() && isTunnelAlreadyTried(candidate)) continue;
+      if (!candidate.empty()) {
+        enableTunnelOptions(candidate);
+        m_triedTunnels.push_back(candidate);
+      } else {
+        QXLOG(QXLOG_PROGRESS, tag)
+            << "Empty tunnel entry encountered. Will try a direct connection to the Master "
+               "server.";
+        disableTunnelOptions();
+      }
+      bool nextCandidate = false;
+      while (!nextCandidate && !done) {
+        status = performCurlOperation();
+        if (status == 0) {
+          std::string tunnel = candidate;
+          if (!tunnel.empty()) {
+            m_tunnelRouter->updateWebsvcTunnelServersCache(m_server, tunnel);
+          } else {
+            m_tunnelRouter->resetWebsvcTunnelServersCache(m_server);
+          }
+          done = true;
+          break;
+        }
+        int action = decideNextConnectRetryAction(status, !candidate.empty());
+        if (action == NEXT_TUNNEL) {
+          QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Trying the next tunnel.";
+          nextCandidate = true;
+        } else if (action == NEXT_SILENT) {
+          nextCandidate = true;
+        } else if (action == STOP) {
+          done = true;
+        } else {
+          QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Retrying the connection.";
+          if (!retryUnderWindow(status)) done = true;
+        }
+      }
+      if (done) break;
+    }
+  }
+  disableTunnelOptions();
+  return status;
+}
+
+int QXClientCURL::performCurlOperation() {
+  const char* tag = "QXClientCURL::performCurlOperation";
+  m_httpCode = 0;
+  if (m_connectionsDisabled) {
+    QXLOG(QXLOG_ERROR, tag) << "HTTP connections are disabled";
+    return 47;
+  }
+  const bool tokenSession =
+      m_sessionType == QXCURL_USE_TOKEN || m_sessionType == QXCURL_USE_TPCA_CERT;
+  if (tokenSession) {
+    std::string token;
+    int rc = m_tokenManager ? m_tokenManager->getToken(m_server, token, false, nullptr) : 20;
+    if (rc != 0) {
+      if (m_sessionType == QXCURL_USE_TOKEN) {
+        QXLOG(QXLOG_ERROR, tag) << "Failed to fetch authorization token. Actual Error code " << rc
+                                << "return code :" << STATUS_TOKEN;
+        return STATUS_TOKEN;
+      }
+    } else {
+      QXLOG(QXLOG_PROGRESS, tag) << "Obtained login token";
+      deleteHeaderField("Authorization:");
+      addHeaderField("Authorization: ", (m_useBearer ? "Bearer " : "") + token);
+    }
+  }
+
+  bool refreshed = false;
+  bool renegotiated = false;
+  for (;;) {
+    m_responseHeaders.clear();
+    setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList), "CURLOPT_HTTPHEADER");
+    m_responseBody.clear();
+
+    const time_t start = T_time();
+    if (!m_preferredNetworksDisabled) connectToPBXExchange();
+    CURLcode rc = T_curl_easy_perform(m_curlHandle);
+    bool tlsRetried = false;
+    while (rc == CURLE_SSL_CONNECT_ERROR && (T_time() - start) < m_connectionTimeout) {
+      tlsRetried = true;
+      QXLOG(QXLOG_PROGRESS, tag) << "CONNECTION RETRY after CURLE_SSL_CONNECT_ERROR";
+      QXLOG(QXLOG_PROGRESS, tag) << "CONNECTION RETRY m_connectionTimeout: " << m_connectionTimeout;
+      T_sleep(1);
+      if (!m_preferredNetworksDisabled) connectToPBXExchange();
+      QXLOG(QXLOG_PROGRESS, tag) << "CONNECTION RETRY with current time: " << T_time()
+                                 << " connectionStartTime: " << start;
+      m_responseHeaders.clear();
+      m_responseBody.clear();
+      rc = T_curl_easy_perform(m_curlHandle);
+    }
+    if (tlsRetried && rc == CURLE_SSL_CONNECT_ERROR) {
+      QXLOG(QXLOG_PROGRESS, tag) << "CONNECTION RETRY timeout: " << m_connectionTimeout
+                                 << " seconds reached with current time: " << T_time()
+                                 << " connectionStartTime: " << start;
+    }
+    m_curlError = rc;
+    if (rc != CURLE_OK) {
+      QXLOG(QXLOG_ERROR, tag) << "Failed to perform operation: " << curl_easy_strerror(rc);
+      int status = mapCurlError();
+      long connectCode = 0;
+      CURLcode irc = curl_easy_getinfo(m_curlHandle, CURLINFO_HTTP_CONNECTCODE, &connectCode);
+      if (irc != CURLE_OK) {
+        QXLOG(QXLOG_ERROR, tag) << "Failed to get http response code: " << curl_easy_strerror(irc);
+      }
+      m_httpCode = connectCode;
+      return status;
+    }
+
+    QXLOG(QXLOG_DETAIL, tag) << "HTTP response header : " << mask_jwt(m_responseHeaders);
+    long code = 0;
+    CURLcode irc = curl_easy_getinfo(m_curlHandle, CURLINFO_RESPONSE_CODE, &code);
+    if (irc != CURLE_OK) {
+      m_curlError = irc;
+      QXLOG(QXLOG_ERROR, tag) << "Failed to get http response code: " << curl_easy_strerror(irc);
+      return mapCurlError();
+    }
+    m_httpCode = code;
+    QXLOG(QXLOG_PROGRESS, tag) << "Fetched data = [xxxxx], httpcode = " << code;
+
+    if (code == 503) {
+      int errorCode = 0;
+      std::string errorMessage;
+      if (extractErrorFromJSON(m_responseBody, errorCode, errorMessage) == 0 && errorCode != 0) {
+        return errorCode;
+      }
+      return STATUS_503_UNREADABLE;
+    }
+
+    if (tokenSession && m_tokenManager != nullptr &&
+        m_tokenManager->isRetryRequired(static_cast<int>(code), m_responseBody)) {
+      if (refreshed) return 0;
+      refreshed = true;
+      std::string token;
+      int trc = m_tokenManager->getToken(m_server, token, true, nullptr);
+      if (trc != 0) {
+        if (m_sessionType == QXCURL_USE_TOKEN) {
+          QXLOG(QXLOG_ERROR, tag) << "Failed to refresh authorization token. Actual Error code :"
+                                  << trc << "return code :" << STATUS_TOKEN;
+          return STATUS_TOKEN;
+        }
+        deleteHeaderField("Authorization:");
+        continue;
+      }
+      QXLOG(QXLOG_PROGRESS, tag) << "Using refreshed token";
+      deleteHeaderField("Authorization:");
+      addHeaderField("Authorization: ", (m_useBearer ? "Bearer " : "") + token);
+      m_tokenRefreshed = true;
+      continue;
+    }
+
+    if (renegotiated || m_versionProbe || (code != 406 && code != 415)) return 0;
+    QXLOG(QXLOG_ERROR, tag) << "Http code indicates invalid API version. Trying again with "
+                               "Server API version or minimum version";
+    int vrc = setClientRequestHeaderAsPerServerVersion();
+    if (vrc != 0) {
+      QXLOG(QXLOG_ERROR, tag) << "Failed to connect to server while setting client request header";
+      return vrc;
+    }
+    QXLOG(QXLOG_PROGRESS, tag) << "Setting flag isVersionMismatchHonoured as true";
+    renegotiated = true;
+    QXLOG(QXLOG_PROGRESS, tag) << "Fetched httpcode = " << code;
+  }
+}
+
+// ---- tunnels ----
+
+bool QXClientCURL::isHttpTunnelAllowed() {
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::isHttpTunnelAllowed")
+      << "isHttpTunnelAllowed = [" << m_tunnelAllowed << "]";
+  return m_tunnelAllowed;
+}
+
+int QXClientCURL::enableHttpTunnelUse() {
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::enableHttpTunnelUse") << "Enabling use of Http Tunnel...";
+  m_tunnelAllowed = true;
+  return 1;
+}
+
+int QXClientCURL::disableHttpTunnelUse() {
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::disableHttpTunnelUse") << "Disabling use of Http Tunnel...";
+  m_tunnelAllowed = false;
+  return 1;
+}
+
+int QXClientCURL::setAdditionalTunnelServers(std::list<std::string>& servers) {
+  return m_tunnelRouter ? m_tunnelRouter->setAdditionalTunnelServers(servers) : 10;
+}
+
+int QXClientCURL::enableTunnelOptions(std::string tunnel) {
+  const char* tag = "QXClientCURL::enableTunnelOptions";
+  std::string proxy = tunnel + ":" + TUNNEL_PORT;
+  m_tunnelName = tunnel;
+  QXLOG(QXLOG_PROGRESS, tag) << "Setting proxy = [" << proxy << "] to be used as HTTP tunnel";
+  int rc = setCurlOptionLogged(CURLOPT_PROXY, proxy.c_str(), "CURLOPT_PROXY");
+  if (rc != 0) return rc;
+  QXLOG(QXLOG_PROGRESS, tag)
+      << "Setting --proxytunnel to 1 to use the specified proxy as HTTP tunnel";
+  return setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 1L, "CURLOPT_HTTPPROXYTUNNEL");
+}
+
+int QXClientCURL::disableTunnelOptions() {
+  const char* tag = "disableTunnelOptions";
+  m_tunnelName = m_server;
+  QXLOG(QXLOG_PROGRESS, tag) << "Disabling any --proxy option previously set.";
+  int rc = setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY");
+  if (rc != 0) return rc;
+  QXLOG(QXLOG_PROGRESS, tag) << "Disabling any --proxytunnel option previously set.";
+  return setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 0L, "CURLOPT_HTTPPROXYTUNNEL");
+}
+
+int QXClientCURL::setorResetTunnelOptions(std::string tunnel) {
+  if (!tunnel.empty()) return enableTunnelOptions(tunnel);
+  QXLOG(QXLOG_PROGRESS, "QXClientCURL::setorResetTunnelOptions")
+      << "Empty tunnel entry encountered. Will try a direct connection to the Master server.";
+  return disableTunnelOptions();
+}
+
+bool QXClientCURL::isTunnelAlreadyTried(std::string tunnel) {
+  for (const std::string& tried : m_triedTunnels) {
+    if (strcasecmp(tried.c_str(), tunnel.c_str()) == 0) {
+      QXLOG(QXLOG_PROGRESS, "QXClientCURL::isTunnelAlreadyTried")
+          << "Tunnel [" << tunnel << "] has already been tried before.";
+      return true;
+    }
+  }
+  return false;
+}
+
+// The answering master is not checked yet: every tunnel counts as reaching it.
+bool QXClientCURL::isTunnelConnectedToRightMaster() { return true; }
+
+// ---- preferred-network connection ----
+
+// libcurl resolves and connects by itself until the connector is in place;
+// only the previous attempt's socket is forgotten.
+int QXClientCURL::connectToPBXExchange() {
+  if (m_connector != nullptr) m_connector->reset();
+  return 0;
+}

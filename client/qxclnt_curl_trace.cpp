@@ -1,0 +1,183 @@
+// Verbose wire trace through the product log, with secrets masked.
+#include "client/qxclnt_curl_trace.h"
+
+#include <cctype>
+#include <cstdio>
+
+#include "qx_log.h"
+#include "qxclnt_curl.h"
+
+namespace {
+const char* const kAllowedHeaders[] = {
+    "Accept",
+    "Accept-Language",
+    "Cache-Control",
+    "Connection",
+    "Content-Disposition",
+    "Content-Type",
+    "Date",
+    "Expires",
+    "Host",
+    "Location",
+    "Strict-Transport-Security",
+    "Transfer-Encoding",
+    "X-Cache-Validity",
+    "X-Client-ID",
+    "X-Content-Type-Options",
+    "X-Frame-Options",
+    "X-Arvion-API-Version",
+    "X-Arvion-Ignore",
+    "X-Arvion-Install-Mode",
+    "X-Request-ID",
+    "X-XSS-Protection",
+    nullptr,
+};
+
+const char* const kTraceTag = "curl_debug_logger()";
+constexpr size_t kDumpWidth = 64;
+
+bool isNameChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-'; }
+
+std::string maskHeaderLine(const std::string& line) {
+  size_t n = 0;
+  while (n < line.size() && isNameChar(line[n])) ++n;
+  if (n >= line.size() || line[n] != ':') return line;  // status line, blank line
+  if (!MaskedHttpHeadersSingleton::instance()->isMasked(line.substr(0, n))) return line;
+  std::string masked = line.substr(0, n + 1) + " ***";
+  // Keep the line end so that the dump still breaks lines where the wire did.
+  size_t end = line.find_first_of("\r\n");
+  if (end != std::string::npos) masked += line.substr(end);
+  return masked;
+}
+}  // namespace
+
+MaskedHttpHeaders::MaskedHttpHeaders() {
+  for (const char* const* p = kAllowedHeaders; *p != nullptr; ++p) m_allowed.insert(*p);
+}
+
+bool MaskedHttpHeaders::isMasked(const std::string& name) const {
+  return m_allowed.find(name) == m_allowed.end();
+}
+
+std::string qxMaskTraceHeaders(const char* data, size_t size) {
+  std::string text(data, size), out;
+  size_t from = 0;
+  while (from < text.size()) {
+    size_t nl = text.find('\n', from);
+    size_t end = nl == std::string::npos ? text.size() : nl + 1;
+    out += maskHeaderLine(text.substr(from, end - from));
+    from = end;
+  }
+  return out;
+}
+
+std::string qxMaskTracePasswords(const char* data, size_t size) {
+  static const std::string kKey = "\"password\"";
+  std::string text(data, size), out;
+  size_t from = 0;
+  for (;;) {
+    size_t key = text.find(kKey, from);
+    if (key == std::string::npos) break;
+    size_t after = key + kKey.size();
+    size_t colon = text.find_first_not_of(" \t\r\n", after);
+    if (colon == std::string::npos || text[colon] != ':') {
+      out += text.substr(from, after - from);
+      from = after;
+      continue;
+    }
+    size_t open = text.find_first_not_of(" \t\r\n", colon + 1);
+    if (open == std::string::npos || text[open] != '"') {
+      out += text.substr(from, colon + 1 - from);
+      from = colon + 1;
+      continue;
+    }
+    size_t i = open + 1;
+    while (i < text.size() && text[i] != '"') i += text[i] == '\\' ? 2 : 1;
+    // An unterminated value is masked to the end: better too much than a leak.
+    out += text.substr(from, open + 1 - from) + "***";
+    if (i >= text.size()) return out;
+    from = i;
+  }
+  out += text.substr(from);
+  return out;
+}
+
+std::string qxFormatTraceDump(const char* label, const std::string& data) {
+  char buf[128];
+  std::string out;
+  std::snprintf(buf, sizeof(buf), "%s, %10.10ld bytes (0x%8.8lx) ", label,
+                static_cast<long>(data.size()), static_cast<unsigned long>(data.size()));
+  out += buf;
+  const size_t size = data.size();
+  auto crlfAt = [&](size_t k) { return k + 1 < size && data[k] == '\r' && data[k + 1] == '\n'; };
+  size_t i = 0;
+  while (i < size) {
+    std::snprintf(buf, sizeof(buf), "%4.4lx: ", static_cast<unsigned long>(i));
+    out += "\n";
+    out += buf;
+    size_t next = i + kDumpWidth;
+    for (size_t c = 0; c < kDumpWidth && i + c < size; ++c) {
+      // A CR LF pair ends the dump line early; both bytes are consumed.
+      if (crlfAt(i + c)) {
+        next = i + c + 2;
+        break;
+      }
+      unsigned char ch = static_cast<unsigned char>(data[i + c]);
+      out += (ch >= 0x20 && ch < 0x7f) ? static_cast<char>(ch) : '.';
+      if (crlfAt(i + c + 1)) {
+        next = i + c + 3;
+        break;
+      }
+    }
+    i = next;
+  }
+  return out;
+}
+
+int QXClientCURL::curl_debug_logger(CURL* /*handle*/, curl_infotype type, char* data, size_t size,
+                                    void* /*userp*/) {
+  const char* label = nullptr;
+  switch (type) {
+    case CURLINFO_TEXT: {
+      std::string text(data, size);
+      while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+      QXLOG(QXLOG_PROGRESS, kTraceTag) << "== Info: " << text;
+      return 0;
+    }
+    case CURLINFO_HEADER_IN:
+      label = "<= Recv header";
+      break;
+    case CURLINFO_HEADER_OUT:
+      label = "=> Send header";
+      break;
+    case CURLINFO_DATA_IN:
+      label = "<=  Recv  data";
+      break;
+    case CURLINFO_DATA_OUT:
+      label = "=>  Send  data";
+      break;
+    default:
+      return 0;
+  }
+  if (!qxLogWanted(QXLOG_PROGRESS)) return 0;
+  std::string text = (type == CURLINFO_HEADER_IN || type == CURLINFO_HEADER_OUT)
+                         ? qxMaskTraceHeaders(data, size)
+                         : qxMaskTracePasswords(data, size);
+  std::string dump = qxFormatTraceDump(label, text);
+  size_t from = 0;
+  while (from <= dump.size()) {
+    size_t nl = dump.find('\n', from);
+    QXLOG(QXLOG_PROGRESS, kTraceTag)
+        << dump.substr(from, nl == std::string::npos ? std::string::npos : nl - from);
+    if (nl == std::string::npos) break;
+    from = nl + 1;
+  }
+  return 0;
+}
+
+int QXClientCURL::setCurlVerbose() {
+  int rc = setCurlOptionLogged(CURLOPT_VERBOSE, 1L, "CURLOPT_VERBOSE");
+  if (rc != 0) return rc;
+  return setCurlOptionLogged(CURLOPT_DEBUGFUNCTION, reinterpret_cast<void*>(&curl_debug_logger),
+                             "CURLOPT_DEBUGFUNCTION");
+}

@@ -1,0 +1,49 @@
+// Response header text and wrapped JSON bodies come from the network: the
+// header field reader and the JSON unwrapping must take anything.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "qxclnt_curl.h"
+
+namespace {
+QXClientCURL* client() {
+  // No install root of its own: keep the configuration lookups away from a
+  // real installation.
+  static QXClientCURL* c = [] {
+    setenv("ARVION_ROOT", "/nonexistent-qxcurl-fuzz-root", 0);
+    return new QXClientCURL("localhost", 1556, CERT_TYPE_HOST, QXCURL_INSECURE);
+  }();
+  return c;
+}
+
+const char* const kFields[] = {
+    "X-Arvion-API-Version", "X-Cache-Validity", "X-Target-Master", "Content-Type", "X", ":"};
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  QXClientCURL* c = client();
+  const std::string text(reinterpret_cast<const char*>(data) + 1, size - 1);
+  const char* field = kFields[data[0] % (sizeof(kFields) / sizeof(kFields[0]))];
+
+  c->m_responseHeaders = text;
+  std::string value;
+  int rc = c->getHttpHeaderField(field, value);
+  if (rc == 0 && value.size() > text.size()) std::abort();
+  if (rc != 0 && rc != 227 && rc != 7610) std::abort();
+  c->getCacheTTLFromAPIHeader();
+
+  c->m_responseBody = text;
+  rc = c->makeStringResponseFromJson();
+  if (rc == 0 && c->m_responseBody.size() > text.size()) std::abort();
+  c->m_responseBody = text;
+  std::string wrapped;
+  if (c->makeJsonResponseFromString(wrapped) == 0) {
+    c->m_responseBody = wrapped;
+    // Wrapping is reversible for UTF-8 text; anything else may be refused.
+    if (c->makeStringResponseFromJson() == 0 && c->m_responseBody != text) std::abort();
+  }
+  return 0;
+}

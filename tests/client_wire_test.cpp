@@ -1,0 +1,273 @@
+// The client against the emulated master server: what goes on the wire, how
+// failures map to statuses, and how the retries and renegotiation behave.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "json_token_manager.h"
+#include "qx_test_env.h"
+#include "qxclnt_curl.h"
+#include "supplied_token_manager.h"
+
+namespace {
+
+const char* const kEchoPath = "arvion/config/hosts";
+
+// A clock the retry logic reads and its sleeps advance, so no test sleeps.
+time_t g_fakeNow = 0;
+time_t fakeTime(time_t* out) {
+  if (out) *out = g_fakeNow;
+  return g_fakeNow;
+}
+unsigned fakeSleep(unsigned seconds) {
+  g_fakeNow += seconds;
+  return 0;
+}
+
+int freePort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(a);
+  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  close(fd);
+  return ntohs(a.sin_port);
+}
+
+class ClientWireTest : public QXEmulatorTest {
+ protected:
+  void SetUp() override {
+    QXEmulatorTest::SetUp();
+    if (HasFatalFailure()) return;
+    g_fakeNow = time(nullptr);
+    QXClientCURL::T_setTimeSource(&fakeTime);
+    QXClientCURL::T_setTsleep(&fakeSleep);
+  }
+  void TearDown() override {
+    QXClientCURL::T_setTimeSource(nullptr);
+    QXClientCURL::T_setTsleep(nullptr);
+    QXEmulatorTest::TearDown();
+  }
+
+  // A client for the emulator that trusts the given CA bundle as the own CA.
+  std::unique_ptr<QXClientCURL> client(QXCurlSessionType session = QXCURL_INSECURE,
+                                       TokenManager_Base* tokens = nullptr,
+                                       const std::string& locale = "", int port = 0,
+                                       const std::string& server = "localhost") {
+    std::unique_ptr<QXClientCURL> c(
+        new QXClientCURL(server, port ? port : emulator().port(), CERT_TYPE_HOST, session, tokens,
+                         "", true, false, false, "QXCA", "", "", "", "", "", false, false, locale));
+    EXPECT_EQ(0, c->setCustomCAPath(root().pki("qxca/ca.pem"), "QXCA"));
+    c->setConnectRetryTimeout(0);
+    return c;
+  }
+
+  std::string userToken() {
+    auto c = client();
+    EXPECT_EQ(0, c->Post("arvion/login",
+                         "{\"domainType\":\"unixpwd\",\"domainName\":\"\",\"userName\":\"admin\","
+                         "\"password\":\"secret\"}"));
+    EXPECT_EQ(201, c->m_httpCode) << c->m_responseBody;
+    std::string token;
+    int validity = 0;
+    EXPECT_EQ(0, extractAuthTokenFromJSON(c->m_responseBody, token, validity));
+    emulator().reset();
+    return token;
+  }
+
+  std::vector<QXRecordedRequest> requestsTo(const std::string& path) {
+    std::vector<QXRecordedRequest> all = emulator().requests(), out;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(out),
+                 [&](const QXRecordedRequest& r) { return r.path == path; });
+    return out;
+  }
+};
+
+TEST_F(ClientWireTest, VerbsOnTheWire) {
+  SuppliedTokenManager tokens(userToken());
+  auto c = client(QXCURL_USE_TOKEN, &tokens, "fr_FR");
+  const std::string payload = "{\"a\":\"x\ny\r\"}";
+  struct Case {
+    std::string method;
+    std::string body;  // what the server must receive
+  } cases[] = {{"POST", "{\"a\":\"x\\ny\\r\"}"},
+               {"PUT", payload},
+               {"PATCH", payload},
+               {"GET", ""},
+               {"DELETE", ""},
+               {"POST", "{\"a\":\"x\\ny\\r\"}"}};
+  for (const Case& k : cases) {
+    emulator().reset();
+    int status = k.method == "GET"     ? c->Get(kEchoPath)
+                 : k.method == "POST"  ? c->Post(kEchoPath, payload)
+                 : k.method == "PUT"   ? c->Put(kEchoPath, payload)
+                 : k.method == "PATCH" ? c->Patch(kEchoPath, payload)
+                                       : c->Delete(kEchoPath);
+    ASSERT_EQ(0, status) << k.method;
+    EXPECT_EQ(200, c->m_httpCode) << k.method << " " << c->m_responseBody;
+    std::vector<QXRecordedRequest> seen = emulator().requests();
+    ASSERT_EQ(1u, seen.size()) << k.method;
+    const QXRecordedRequest& r = seen[0];
+    EXPECT_EQ(k.method, r.method);
+    EXPECT_EQ(kEchoPath, r.path);
+    EXPECT_EQ(k.body, r.body) << k.method;
+    EXPECT_EQ("application/vnd.arvion+json;version=6.0", r.header("Accept"));
+    EXPECT_EQ("QX-CURL-client_wire_test-" + std::to_string(getpid()), r.header("X-Client-ID"));
+    EXPECT_EQ("fr", r.header("Accept-Language"));
+    EXPECT_FALSE(r.header("Authorization").empty());
+    EXPECT_EQ("QXCA", r.sni);
+  }
+  EXPECT_EQ(20, c->Post(kEchoPath, ""));
+  EXPECT_EQ(20, c->Put(kEchoPath, ""));
+  EXPECT_EQ(20, c->Patch(kEchoPath, ""));
+}
+
+TEST_F(ClientWireTest, MultipartUploadRestoresContentType) {
+  SuppliedTokenManager tokens(userToken());
+  auto c = client(QXCURL_USE_TOKEN, &tokens);
+  std::string local = root().path("tmp/upload.bin");
+  ASSERT_TRUE(qxWriteFile(local, "payload-bytes"));
+  EXPECT_EQ(20, c->PostMultipartFile("arvion/upload", local, "", "text/plain"));
+  ASSERT_EQ(0, c->PostMultipartFile("arvion/upload", local, "remote.txt", "text/plain"));
+  std::vector<QXRecordedRequest> seen = requestsTo("arvion/upload");
+  ASSERT_EQ(1u, seen.size());
+  EXPECT_EQ(0u, seen[0].header("Content-Type").find("multipart/form-data; boundary="));
+  EXPECT_NE(std::string::npos, seen[0].body.find("filename=\"remote.txt\""));
+  EXPECT_NE(std::string::npos, seen[0].body.find("payload-bytes"));
+  std::string contentType;
+  EXPECT_EQ(0, c->getHTTPRequestHeader("Content-Type:", contentType));
+  EXPECT_EQ("application/vnd.arvion+json;version=6.0", contentType);
+  // The next request is an ordinary one again.
+  emulator().reset();
+  ASSERT_EQ(0, c->Get(kEchoPath));
+  EXPECT_EQ("GET", requestsTo(kEchoPath).at(0).method);
+}
+
+TEST_F(ClientWireTest, TransportFailuresMapToStatuses) {
+  {
+    auto c = client(QXCURL_INSECURE, nullptr, "", freePort());
+    EXPECT_EQ(8500, c->Get("arvion/ping"));
+    EXPECT_EQ(0, c->m_httpCode);
+  }
+  {
+    auto c = client(QXCURL_INSECURE, nullptr, "", 0, "nohost.invalid");
+    EXPECT_EQ(47, c->Get("arvion/ping"));
+  }
+  {
+    auto c = client();
+    ASSERT_EQ(0, emulator().addFault("arvion/ping", "delay", 1, "{\"seconds\": 3}"));
+    c->setupCurlOperationTimeout(1);
+    EXPECT_EQ(41, c->Get("arvion/ping"));
+  }
+}
+
+TEST_F(ClientWireTest, CertificateFailuresMapToStatuses) {
+  {
+    auto c = client();
+    // The external CA's leaf and intermediate, checked against the own CA only.
+    ASSERT_EQ(0, c->setAssortedCurlPKIParams(CA_LOAD_FORCE_ECA, root().pki("qxca/ca.pem"), false,
+                                             "", "", "", "", ""));
+    EXPECT_EQ(8504, c->Get("arvion/ping"));
+  }
+  ASSERT_EQ(0, emulator().setConfig("{\"certMode\": \"expired\"}"));
+  {
+    auto c = client();
+    EXPECT_EQ(8506, c->Get("arvion/ping"));
+  }
+  ASSERT_EQ(0, emulator().setConfig("{\"certMode\": \"wrongname\"}"));
+  {
+    auto c = client();
+    int status = c->Get("arvion/ping");
+    ASSERT_EQ(8509, status);
+    std::vector<std::string> names;
+    ASSERT_TRUE(c->getExtendedErrorInfo(status, &names));
+    EXPECT_EQ((std::vector<std::string>{"wrong1.example", "wrong2.example"}), names);
+    EXPECT_FALSE(c->getExtendedErrorInfo(8504, &names));
+  }
+}
+
+TEST_F(ClientWireTest, ServiceUnavailableBody) {
+  struct Case {
+    std::string extra;
+    int expected;
+  } cases[] = {{"", 8003},
+               {"{\"body\": {\"errorCode\": 1234, \"errorMessage\": \"busy\"}}", 1234},
+               {"{\"body\": \"\"}", 8625},
+               {"{\"body\": \"<html>down</html>\"}", 8625}};
+  auto c = client();
+  for (const Case& k : cases) {
+    emulator().reset();
+    ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 1, k.extra));
+    EXPECT_EQ(k.expected, c->Get("arvion/ping")) << k.extra;
+    EXPECT_EQ(503, c->m_httpCode);
+    EXPECT_EQ(1u, requestsTo("arvion/ping").size());  // window 0: no retry
+  }
+}
+
+TEST_F(ClientWireTest, ApiVersionRenegotiatedOnce) {
+  SuppliedTokenManager tokens(userToken());
+  ASSERT_EQ(0, emulator().setConfig("{\"apiVersion\": \"5.0\"}"));
+  auto c = client(QXCURL_USE_TOKEN, &tokens);
+  ASSERT_EQ(0, c->Get(kEchoPath));
+  EXPECT_EQ(200, c->m_httpCode);
+  std::vector<QXRecordedRequest> seen = emulator().requests();
+  ASSERT_EQ(3u, seen.size());
+  EXPECT_EQ("application/vnd.arvion+json;version=6.0", seen[0].header("Accept"));
+  EXPECT_EQ("arvion/ping", seen[1].path);
+  EXPECT_EQ("application/vnd.arvion+json;version=5.0", seen[2].header("Accept"));
+
+  // A second refusal in the same call is handed to the caller as it is.
+  emulator().reset();
+  ASSERT_EQ(0, emulator().setConfig("{\"apiVersion\": \"6.0\"}"));
+  ASSERT_EQ(0, emulator().addFault(kEchoPath, "status", 5, "{\"status\": 406}"));
+  EXPECT_EQ(0, c->Get(kEchoPath));
+  EXPECT_EQ(406, c->m_httpCode);
+  EXPECT_EQ(2u, requestsTo(kEchoPath).size());
+  EXPECT_EQ(1u, requestsTo("arvion/ping").size());
+}
+
+TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
+  auto c = client();
+  ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 100));
+  c->setConnectRetryTimeout(12);
+  time_t start = g_fakeNow;
+  EXPECT_EQ(8003, c->Get("arvion/ping"));
+  size_t attempts = requestsTo("arvion/ping").size();
+  EXPECT_GE(attempts, 2u);
+  EXPECT_LE(attempts, 13u);  // every sleep is at least a second
+  EXPECT_GE(g_fakeNow - start, 12);
+  EXPECT_FALSE(c->m_retrying);
+
+  emulator().reset();
+  ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 100));
+  c->setConnectRetryTimeout(0);
+  EXPECT_EQ(8003, c->Get("arvion/ping"));
+  EXPECT_EQ(1u, requestsTo("arvion/ping").size());
+
+  // Retries stop as soon as the server answers.
+  emulator().reset();
+  ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 2));
+  c->setConnectRetryTimeout(120);
+  EXPECT_EQ(0, c->Get("arvion/ping"));
+  EXPECT_EQ(3u, requestsTo("arvion/ping").size());
+  EXPECT_EQ("pong\n", c->m_responseBody);
+}
+
+TEST_F(ClientWireTest, ConnectionsDisabledByConfiguration) {
+  ASSERT_TRUE(root().writeConfig("DISABLE_QXCURL_CONNECTIONS = yes\n"));
+  auto c = client();
+  EXPECT_EQ(47, c->Get("arvion/ping"));
+  EXPECT_TRUE(emulator().requests().empty());
+}
+
+}  // namespace
