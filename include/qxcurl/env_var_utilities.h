@@ -1,0 +1,15 @@
+#ifndef QXCURL_ENV_VAR_UTILITIES_H
+#define QXCURL_ENV_VAR_UTILITIES_H
+#include <string>
+
+#include "qxcurl_export.h"
+
+// Environment variables, read and set.
+class QX_API EnvVarUtilities {
+ public:
+  // False when name is not set (value untouched); else the whole value.
+  static bool getEnv(const std::string& name, std::string& value);
+  // Sets name, replacing an existing value. True on success.
+  static bool putEnv(const std::string& name, const std::string& value);
+};
+#endif

@@ -1,0 +1,19 @@
+#ifndef QXCURL_EXEC_CUSTOM_SCRIPT_H
+#define QXCURL_EXEC_CUSTOM_SCRIPT_H
+#include <string>
+
+#include "qxcurl_export.h"
+
+// Runs a shell command and captures the first line it prints.
+class QX_API ExecCustomScript {
+ public:
+  ExecCustomScript() = default;
+  virtual ~ExecCustomScript();
+
+  // output receives the first line, its line feed kept (empty when nothing
+  // was printed). 0; 20 when that line is 257 characters or longer (the text
+  // is still returned); 29 when the command could not be started. The
+  // command's exit status plays no part.
+  int run(const char* cmd, std::string& output);
+};
+#endif

@@ -1,0 +1,68 @@
+#ifndef QXCURL_QX_LOCK_FILE_H
+#define QXCURL_QX_LOCK_FILE_H
+#include <string>
+
+#include "qxcurl_export.h"
+
+// A named lock file taken in the constructor (with bounded retries while
+// another holder has it) and released in the destructor.
+class QX_API QXLockFile {
+ public:
+  QXLockFile(const char* path, int retries, int sleepSeconds);
+  ~QXLockFile();
+  QXLockFile(const QXLockFile&) = delete;
+  QXLockFile& operator=(const QXLockFile&) = delete;
+
+  // True when the lock is held afterwards. The first attempt is always made;
+  // only "held elsewhere" is retried, after a pause of sleepSeconds.
+  bool lock_file();
+  // True when the lock is not held afterwards.
+  bool unlock_file();
+
+  bool isLocked() const { return m_handle != -1; }
+  int getLastError() const { return m_lastError; }
+
+  // Test seam: replaces sleep() between attempts (null restores it).
+  static void T_setSleeper(void (*sleeper)(int seconds));
+
+ private:
+  int m_handle;
+  std::string m_path;
+  int m_lastError;
+  int m_retries;
+  int m_sleepSeconds;
+};
+
+// Shared (mode 0) or exclusive (mode 1) lock on a file, waiting until it is
+// granted. Does not release in its destructor: JWTLock lives for the process.
+class QX_API QXTFLock {
+ public:
+  QXTFLock();
+  ~QXTFLock();
+  // 0; 20 for a null path or a mode other than 0 and 1; 158 when the lock
+  // could not be taken.
+  int lock(const char* path, int mode);
+  void unlock();
+  bool isLocked() const { return m_handle != -1; }
+
+ private:
+  int m_handle;
+  int m_reserved;
+};
+
+// Holds a QXTFLock for one scope; *status receives the result of taking it
+// (158 for a null lock).
+class QX_API QXTFLockHelper {
+ public:
+  QXTFLockHelper(QXTFLock* lock, const char* path, int mode, int* status);
+  ~QXTFLockHelper();
+  QXTFLockHelper(const QXTFLockHelper&) = delete;
+  QXTFLockHelper& operator=(const QXTFLockHelper&) = delete;
+
+ private:
+  QXTFLock* m_lock;
+};
+
+// Guards every read and write of the certificate-login token cache files.
+extern QX_API QXTFLock JWTLock;
+#endif

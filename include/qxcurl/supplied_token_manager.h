@@ -1,0 +1,24 @@
+#ifndef QXCURL_SUPPLIED_TOKEN_MANAGER_H
+#define QXCURL_SUPPLIED_TOKEN_MANAGER_H
+#include <string>
+#include <vector>
+
+#include "qxcurl_export.h"
+#include "token_manager_base.h"
+
+// Hands out a token the caller already holds: no login, no file, no retry.
+class QX_API SuppliedTokenManager : public TokenManager_Base {
+ public:
+  explicit SuppliedTokenManager(const std::string& token);
+  ~SuppliedTokenManager() override;
+
+  // Always 0; the trace shows only the first two and the last character.
+  int getToken(const std::string& server, std::string& token, bool forceNew,
+               std::vector<std::string>* certNames) override;
+  bool isRetryRequired(int httpCode, const std::string& responseBody) override;
+  void setupCurlOption(QXClientCURL* client) override;
+
+ private:
+  std::string m_token;
+};
+#endif

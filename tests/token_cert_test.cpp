@@ -1,0 +1,371 @@
+// Certificate-login tokens: the cache file, its time rules, the login against
+// the emulated master and the certificate tool.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "json_token_manager.h"
+#include "login_with_cert_manager.h"
+#include "qx_test_env.h"
+#include "qxclnt_curl.h"
+
+namespace {
+
+constexpr time_t kNow = 1700000000;
+time_t fixedClock() { return kNow; }
+time_t g_skew = 0;
+time_t skewedClock() { return time(nullptr) + g_skew; }
+
+std::string fileNameFor(const std::string& server) {
+  std::ostringstream token, lock;
+  LoginWithCertManager::setJWTFilePaths(server, CERT_TYPE_HOST, token, lock, 0);
+  return token.str();
+}
+
+std::string lockNameFor(const std::string& server) {
+  std::ostringstream token, lock;
+  LoginWithCertManager::setJWTFilePaths(server, CERT_TYPE_HOST, token, lock, 0);
+  return lock.str();
+}
+
+std::unique_ptr<LoginWithCertManager> managerFor(QXTestRoot& root, const std::string& server,
+                                                 int port, bool skipTrust = true) {
+  return std::make_unique<LoginWithCertManager>(
+      port, CERT_TYPE_HOST, root.path("tmp"), fileNameFor(server), lockNameFor(server), skipTrust);
+}
+
+TEST(TokenCertNames, FileNamesPerServerTypeAndUser) {
+  std::ostringstream t1, l1, t2, l2;
+  LoginWithCertManager::setJWTFilePaths("m.example", CERT_TYPE_GLOBAL, t1, l1, 0);
+  LoginWithCertManager::setJWTFilePaths("m.example", CERT_TYPE_HOST, t2, l2, 1);
+  EXPECT_EQ("m.example.2.webtoken.dat", t1.str());
+  EXPECT_EQ("m.example.2.websession.lck", l1.str());
+  EXPECT_EQ("m.example.1.qxsvc-webtoken.dat", t2.str());
+  EXPECT_EQ("m.example.1.qxsvc-websession.lck", l2.str());
+}
+
+// The time rules, with a certificate map that tells the CA mode of each server.
+class TokenCertRulesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(m_root.ok()) << m_root.error();
+    ASSERT_TRUE(qxWriteFile(m_root.path("var/hostcert.pem"), "cert"));
+    ASSERT_TRUE(qxWriteFile(m_root.path("var/certmap.json"),
+                            R"({"servers": {
+             "own.test": {"caMode": 0, "trustVersion": "1",
+                          "QXCA": {"certificate": "var/hostcert.pem"}},
+             "ext.test": {"caMode": 1, "trustVersion": "1",
+                          "ECA": {"certificate": "var/hostcert.pem"}}}})"));
+    LoginWithCertManager::T_setClock(fixedClock);
+  }
+  void TearDown() override { LoginWithCertManager::T_setClock(nullptr); }
+  void setCertModTime(time_t t) {
+    struct timeval tv[2] = {{t, 0}, {t, 0}};
+    ASSERT_EQ(0, utimes(m_root.path("var/hostcert.pem").c_str(), tv));
+  }
+  QXTestRoot m_root;
+};
+
+TEST_F(TokenCertRulesTest, RefreshDecisions) {
+  struct Case {
+    const char* name;
+    const char* server;
+    int64_t expiresIn;
+    int64_t failedAgo;  // 0: no failure recorded
+    time_t certModifiedAgo;
+    int decision;
+  } cases[] = {
+      {"expiry 301 s ahead", "own.test", 301, 0, 9999, QX_JWT_CACHED_GOOD},
+      {"expiry 300 s ahead", "own.test", 300, 0, 9999, QX_JWT_REFRESH_NOW},
+      {"expired", "own.test", -5, 0, 9999, QX_JWT_REFRESH_NOW},
+      {"nothing known", "own.test", -kNow, 0, 9999, QX_JWT_REFRESH_NOW},
+      {"failed 300 s ago", "own.test", 3600, 300, 9999, QX_JWT_REFRESH_AVOID},
+      {"failed 301 s ago", "own.test", 3600, 301, 9999, QX_JWT_CACHED_GOOD},
+      {"failed 301 s ago, due", "own.test", 100, 301, 9999, QX_JWT_REFRESH_NOW},
+      {"failure in the future", "own.test", 3600, -60, 9999, QX_JWT_CACHED_GOOD},
+      {"cert replaced after failure", "own.test", -kNow, 100, 50, QX_JWT_REFRESH_NOW},
+      {"cert replaced before failure", "own.test", -kNow, 100, 150, QX_JWT_REFRESH_AVOID},
+      {"external CA ignores cert time", "ext.test", -kNow, 100, 50, QX_JWT_REFRESH_AVOID},
+      {"CA mode unknown", "nomap.test", -kNow, 100, 50, QX_JWT_REFRESH_AVOID},
+  };
+  auto mgr = managerFor(m_root, "own.test", 443);
+  for (const auto& c : cases) {
+    setCertModTime(kNow - c.certModifiedAgo);
+    jwtToken t{"tok", kNow - 60, kNow + c.expiresIn, c.failedAgo ? kNow - c.failedAgo : 0};
+    EXPECT_EQ(c.decision, mgr->isJWTRefreshRequired(t, c.server)) << c.name;
+  }
+}
+
+TEST_F(TokenCertRulesTest, CacheFileReaderSurvivesDamage) {
+  struct Case {
+    const char* name;
+    std::string content;
+    mode_t mode;
+    int status;
+    int64_t expiry;
+  } cases[] = {
+      {"valid", "tok\n1\n2\n3\n", 0600, 0, 2},
+      {"no final newline", "tok\n1\n2\n3", 0600, 0, 2},
+      {"empty file", "", 0600, 0, 0},
+      {"token only", "tok\n", 0600, 0, 0},
+      {"empty times", "tok\n\n\n\n", 0600, 0, 0},
+      {"non-numeric expiry", "tok\n1\nsoon\n0\n", 0600, 13, 0},
+      {"trailing junk", "tok\n1\n2x\n0\n", 0600, 13, 0},
+      {"overflow", "tok\n1\n99999999999999999999\n0\n", 0600, 13, 0},
+      {"binary", std::string("\0\xff\n\x01\n\n", 6), 0600, 13, 0},
+      {"writable by others", "tok\n1\n2\n3\n", 0606, 13, 0},
+      {"writable by group", "tok\n1\n2\n3\n", 0620, 13, 0},
+  };
+  auto mgr = managerFor(m_root, "own.test", 443);
+  const std::string path = mgr->getTokenFilePath();
+  for (const auto& c : cases) {
+    ASSERT_TRUE(qxWriteFile(path, c.content));
+    ASSERT_EQ(0, chmod(path.c_str(), c.mode));
+    jwtToken t{"old", 9, 9, 9};
+    EXPECT_EQ(c.status, mgr->getLocalToken(t)) << c.name;
+    EXPECT_EQ(c.expiry, t.tokenExpTimeSec) << c.name;
+    if (c.status != 0) {
+      EXPECT_EQ("", t.token) << c.name;
+    }
+  }
+  unlink(path.c_str());
+  jwtToken t;
+  EXPECT_EQ(12, mgr->getLocalToken(t));
+  ASSERT_EQ(0, mkdir(path.c_str(), 0700));
+  EXPECT_EQ(13, mgr->getLocalToken(t));
+}
+
+TEST_F(TokenCertRulesTest, SaveWritesPrivateFourLineFile) {
+  auto mgr = managerFor(m_root, "own.test", 443);
+  EXPECT_EQ(20, mgr->saveNewToken(jwtToken{"", 1, 2, 3}));
+  EXPECT_EQ(20, mgr->saveNewToken(jwtToken{"a\nb", 1, 2, 3}));
+  // A world-writable leftover is replaced, not written through.
+  ASSERT_TRUE(qxWriteFile(mgr->getTokenFilePath(), "x\n"));
+  ASSERT_EQ(0, chmod(mgr->getTokenFilePath().c_str(), 0666));
+  ASSERT_EQ(0, mgr->saveNewToken(jwtToken{"tok", 10, 20, 0}));
+  EXPECT_EQ("tok\n10\n20\n0\n", qxReadFile(mgr->getTokenFilePath()));
+  struct stat st;
+  ASSERT_EQ(0, stat(mgr->getTokenFilePath().c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 0777);
+  ASSERT_EQ(0, mgr->clearToken());
+  EXPECT_EQ("xxxx\n0\n0\n0\n", qxReadFile(mgr->getTokenFilePath()));
+
+  LoginWithCertManager nowhere(443, CERT_TYPE_HOST, m_root.path("missing"), "t.dat", "t.lck", true);
+  EXPECT_NE(0, nowhere.saveNewToken(jwtToken{"tok", 1, 2, 0}));
+}
+
+TEST(TokenCertRetry, OnlyExpiredTokenAnswersAskForRetry) {
+  LoginWithCertManager mgr(443, CERT_TYPE_HOST, "/nonexistent", "t", "l", true);
+  struct Case {
+    int http;
+    const char* body;
+    bool retry;
+  } cases[] = {
+      {401, R"({"errorCode": 117, "errorMessage": "any"})", true},
+      {401, R"({"errorCode": 118, "errorMessage": "any"})", false},
+      {403, R"({"errorCode": 117, "errorMessage": "any"})", false},
+      {401, R"({"errorCode": 117})", false},
+      {401, "not json", false},
+      {401, "", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c.retry, mgr.isRetryRequired(c.http, c.body)) << c.body;
+}
+
+// ---- against the emulated master ----
+
+std::vector<std::string> g_hookCalls;
+int recordHook(std::string json) {
+  g_hookCalls.push_back(json);
+  return 0;
+}
+
+class TokenCertLoginTest : public QXEmulatorTest {
+ protected:
+  void SetUp() override {
+    QXEmulatorTest::SetUp();
+    g_hookCalls.clear();
+  }
+  void TearDown() override {
+    set_perform_cert_operations_cb(nullptr);
+    LoginWithCertManager::T_setClock(nullptr);
+    QXEmulatorTest::TearDown();
+  }
+  size_t count(const std::string& path) {
+    size_t n = 0;
+    for (const auto& r : emulator().requests()) n += r.path == path;
+    return n;
+  }
+  std::unique_ptr<LoginWithCertManager> manager(bool skipTrust = true) {
+    return managerFor(root(), "localhost", emulator().port(), skipTrust);
+  }
+  // Puts the stand-in certificate tool where the library looks for it.
+  void installCertTool() {
+    std::string src = std::string(QXCURL_SOURCE_DIR) + "/testing/certcmd/qxcertcmd";
+    ASSERT_EQ(0, mkdir(root().path("arvion/bin").c_str(), 0755));
+    ASSERT_TRUE(qxWriteFile(root().path("arvion/bin/qxcertcmd"), qxReadFile(src)));
+    ASSERT_EQ(0, chmod(root().path("arvion/bin/qxcertcmd").c_str(), 0755));
+  }
+};
+
+TEST_F(TokenCertLoginTest, LoginCachesAndReusesToken) {
+  QXLogCapture log;
+  auto mgr = manager();
+  std::string first, second, third;
+  ASSERT_EQ(0, mgr->getToken("localhost", first, false, nullptr)) << log.dump();
+  EXPECT_FALSE(first.empty());
+  EXPECT_EQ(0, mgr->getToken("localhost", second, false, nullptr));
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(1u, count("arvion/loginwithcert"));
+
+  jwtToken cached;
+  ASSERT_EQ(0, mgr->getLocalToken(cached));
+  EXPECT_EQ(first, cached.token);
+  EXPECT_EQ(3600, cached.tokenExpTimeSec - cached.tokenIssueTimeSec);
+  EXPECT_EQ(0, cached.tokenLastFailTimeSec);
+
+  EXPECT_EQ(0, mgr->getToken("localhost", third, true, nullptr));
+  EXPECT_NE(first, third);
+  EXPECT_EQ(2u, count("arvion/loginwithcert"));
+  for (const auto& line : log.lines()) {
+    EXPECT_EQ(std::string::npos, line.text.find(first)) << line.tag << ": " << line.text;
+    EXPECT_EQ(std::string::npos, line.text.find(third)) << line.tag << ": " << line.text;
+  }
+}
+
+TEST_F(TokenCertLoginTest, RefusedLoginBacksOffForEveryone) {
+  ASSERT_EQ(0, emulator().addFault("arvion/loginwithcert", "status", 1,
+                                   R"({"status": 401, "body": {"errorCode": 8002,
+                                       "errorMessage": "refused"}})"));
+  auto mgr = manager();
+  std::string token;
+  EXPECT_EQ(5930, mgr->getToken("localhost", token, false, nullptr));
+  jwtToken cached;
+  ASSERT_EQ(0, mgr->getLocalToken(cached));
+  EXPECT_EQ("xxxx", cached.token);
+  EXPECT_NE(0, cached.tokenLastFailTimeSec);
+
+  // Ten seconds later (a failure of this very second does not hold back yet)
+  g_skew = 10;
+  LoginWithCertManager::T_setClock(skewedClock);
+  // another manager (as another process would) holds back without traffic...
+  auto other = manager();
+  EXPECT_EQ(5930, other->getToken("localhost", token, false, nullptr));
+  EXPECT_EQ(1u, count("arvion/loginwithcert"));
+  // ...unless asked for a new token outright.
+  EXPECT_EQ(0, other->getToken("localhost", token, true, nullptr));
+  EXPECT_EQ(2u, count("arvion/loginwithcert"));
+  ASSERT_EQ(0, mgr->getLocalToken(cached));
+  EXPECT_EQ(token, cached.token);
+  EXPECT_EQ(0, cached.tokenLastFailTimeSec);
+}
+
+TEST_F(TokenCertLoginTest, ExpiredTokenIsRefreshedOnceByTheClient) {
+  auto mgr = manager();
+  QXClientCURL client("localhost", emulator().port(), CERT_TYPE_HOST, QXCURL_USE_TOKEN, mgr.get());
+  ASSERT_EQ(0, client.Get("arvion/config/hosts"));
+  EXPECT_EQ(200, client.getHttpCode());
+  ASSERT_EQ(0, emulator().expireTokens());
+  ASSERT_EQ(0, client.Get("arvion/config/hosts"));
+  EXPECT_EQ(200, client.getHttpCode());
+  EXPECT_TRUE(client.isTokenRefreshed());
+  EXPECT_EQ(2u, count("arvion/loginwithcert"));
+
+  // Still refused after the refresh: the answer goes to the caller as it is.
+  ASSERT_EQ(0, emulator().addFault("arvion/config/hosts", "status", 5,
+                                   R"({"status": 401, "body": {"errorCode": 117,
+                                       "errorMessage": "expired"}})"));
+  EXPECT_EQ(0, client.Get("arvion/config/hosts"));
+  EXPECT_EQ(401, client.getHttpCode());
+  EXPECT_EQ(3u, count("arvion/loginwithcert"));
+}
+
+TEST_F(TokenCertLoginTest, TrustProcessingRunsOncePerManager) {
+  set_perform_cert_operations_cb(recordHook);
+  struct Case {
+    const char* config;
+    const char* json;
+  } cases[] = {
+      {R"({"trustVersion": "1", "renewRequired": 0})",
+       R"({"server": "localhost", "operations": ["IsSyncTrustStoreRequired"]})"},
+      {R"({"trustVersion": "7", "renewRequired": 1})",
+       R"({"server": "localhost", "operations": ["SetupTrust", "GetCRL", "RenewRequired"]})"},
+  };
+  for (const auto& c : cases) {
+    g_hookCalls.clear();
+    ASSERT_EQ(0, emulator().setConfig(c.config));
+    auto mgr = manager(false);
+    std::string token;
+    ASSERT_EQ(0, mgr->getToken("localhost", token, true, nullptr));
+    ASSERT_EQ(0, mgr->getToken("localhost", token, true, nullptr));
+    ASSERT_EQ(1u, g_hookCalls.size()) << c.config;
+    EXPECT_EQ(c.json, g_hookCalls[0]);
+  }
+  g_hookCalls.clear();
+  auto skipping = manager(true);
+  std::string token;
+  ASSERT_EQ(0, skipping->getToken("localhost", token, true, nullptr));
+  EXPECT_TRUE(g_hookCalls.empty());
+}
+
+TEST_F(TokenCertLoginTest, CertificateToolIsRunWithItsArguments) {
+  auto mgr = manager(false);
+  std::string token;
+  // No tool installed: tolerated, the token is still obtained.
+  ASSERT_EQ(0, mgr->getToken("localhost", token, true, nullptr));
+
+  installCertTool();
+  ASSERT_EQ(0, manager(false)->getToken("localhost", token, true, nullptr));
+  std::string log = qxReadFile(root().path("tmp/qxcertcmd.log"));
+  EXPECT_NE(std::string::npos,
+            log.find(R"("args": ["-performOperations", "-jsonIn", "{\"server\": \"localhost\")"))
+      << log;
+
+  // A tool that fails makes the login fail.
+  setenv("QXCERTCMD_EXIT", "3", 1);
+  int rc = manager(false)->getToken("localhost", token, true, nullptr);
+  unsetenv("QXCERTCMD_EXIT");
+  EXPECT_NE(0, rc);
+  EXPECT_NE(29, rc);
+}
+
+TEST_F(TokenCertLoginTest, ManyProcessesShareOneUntornFile) {
+  const int kChildren = 8;
+  std::vector<pid_t> pids;
+  for (int i = 0; i < kChildren; ++i) {
+    pid_t pid = fork();
+    if (pid == 0) {
+      int bad = 0;
+      auto mgr = manager();
+      for (int round = 0; round < 4; ++round) {
+        std::string token;
+        if (mgr->getToken("localhost", token, (i + round) % 3 == 0, nullptr) != 0) ++bad;
+        jwtToken t;
+        if (mgr->getLocalToken(t) != 0 || t.token.empty() || t.token == "xxxx" ||
+            t.tokenExpTimeSec - t.tokenIssueTimeSec != 3600) {
+          ++bad;
+        }
+      }
+      _exit(bad == 0 ? 0 : 1);
+    }
+    ASSERT_GT(pid, 0);
+    pids.push_back(pid);
+  }
+  for (pid_t pid : pids) {
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  auto mgr = manager();
+  jwtToken t;
+  ASSERT_EQ(0, mgr->getLocalToken(t));
+  std::string token;
+  EXPECT_EQ(0, mgr->getToken("localhost", token, false, nullptr));
+  EXPECT_EQ(t.token, token);
+}
+
+}  // namespace

@@ -1,0 +1,287 @@
+#include "json_token_manager.h"
+
+#include <jansson.h>
+
+#include <climits>
+#include <cstdlib>
+
+#include "qx_log.h"
+#include "qx_status.h"
+
+namespace {
+
+// Releases a jansson tree on every way out of a function.
+class JsonHolder {
+ public:
+  explicit JsonHolder(json_t* j) : m_json(j) {}
+  ~JsonHolder() { json_decref(m_json); }
+  JsonHolder(const JsonHolder&) = delete;
+  JsonHolder& operator=(const JsonHolder&) = delete;
+  json_t* get() const { return m_json; }
+
+ private:
+  json_t* m_json;
+};
+
+// Takes ownership of text returned by json_dumps.
+std::string takeDump(char* text) {
+  std::string s(text);
+  free(text);
+  return s;
+}
+
+bool setString(json_t* obj, const char* key, const std::string& value) {
+  json_t* s = json_stringn(value.data(), value.size());
+  return s != nullptr && json_object_set_new(obj, key, s) == 0;
+}
+
+bool getString(json_t* obj, const char* key, std::string& out) {
+  json_t* v = json_object_get(obj, key);
+  if (!json_is_string(v)) return false;
+  out.assign(json_string_value(v), json_string_length(v));
+  return true;
+}
+
+// Integers outside int's range count as the wrong type rather than being cut.
+bool getInt(json_t* obj, const char* key, int& out) {
+  json_t* v = json_object_get(obj, key);
+  if (!json_is_integer(v)) return false;
+  json_int_t n = json_integer_value(v);
+  if (n < INT_MIN || n > INT_MAX) return false;
+  out = static_cast<int>(n);
+  return true;
+}
+
+// Parses json into an object; logs loadMessage (plus jansson's text when
+// withText) and returns nullptr when that fails.
+json_t* loadObject(const std::string& json, const char* tag, const char* loadMessage,
+                   bool withText) {
+  json_error_t err;
+  json_t* root = json_loadb(json.data(), json.size(), 0, &err);
+  if (root != nullptr && json_is_object(root)) return root;
+  const char* reason = root != nullptr ? "root is not a JSON object" : err.text;
+  json_decref(root);
+  if (withText) {
+    QXLOG(QXLOG_ERROR, tag) << loadMessage << reason;
+  } else {
+    QXLOG(QXLOG_ERROR, tag) << loadMessage;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+int getSessionTokenPayload(std::string sessionToken, std::string& out) {
+  static const char* tag = "getSessionTokenPayload";
+  out.clear();
+  JsonHolder root(json_object());
+  if (root.get() == nullptr || !setString(root.get(), "sessionToken", sessionToken)) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
+    return QX_ERR_NO_MEMORY;
+  }
+  char* text = json_dumps(root.get(), 0);
+  if (text == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << "Error in getting payload";
+    return QX_ERR_JSON_PARSE;
+  }
+  out = takeDump(text);
+  return 0;
+}
+
+int getUserLoginPayload(std::string domainType, std::string domainName, std::string userName,
+                        std::string password, std::string& out) {
+  static const char* tag = "getUserLoginPayload";
+  out.clear();
+  if (domainType.empty() || domainName.empty() || userName.empty() || password.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "Either of domain type, domain name, user name or password empty";
+    return QX_ERR_BAD_ARGUMENT;
+  }
+  JsonHolder root(json_object());
+  if (root.get() == nullptr || !setString(root.get(), "domainType", domainType) ||
+      !setString(root.get(), "domainName", domainName) ||
+      !setString(root.get(), "userName", userName) ||
+      !setString(root.get(), "password", password)) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
+    return QX_ERR_NO_MEMORY;
+  }
+  char* text = json_dumps(root.get(), 0);
+  if (text == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << "Error in getting payload";
+    return QX_ERR_JSON_PARSE;
+  }
+  out = takeDump(text);
+  return 0;
+}
+
+int getUserLoginDetailsAsJson(std::string userName, std::string domainName, std::string issuedBy,
+                              std::string domainType, std::string token, int expireAt,
+                              std::string& out) {
+  static const char* tag = "getUserLoginDetailsAsJson";
+  out.clear();
+  if (token.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "JWT is empty";
+    return QX_ERR_BAD_ARGUMENT;
+  }
+  auto orNA = [](const std::string& s) { return s.empty() ? std::string("NA") : s; };
+  JsonHolder root(json_object());
+  json_t* expiry = root.get() != nullptr ? json_integer(expireAt) : nullptr;
+  if (root.get() == nullptr || !setString(root.get(), "userName", orNA(userName)) ||
+      !setString(root.get(), "domainName", orNA(domainName)) ||
+      !setString(root.get(), "issuedBy", orNA(issuedBy)) ||
+      !setString(root.get(), "domainType", orNA(domainType)) ||
+      !setString(root.get(), "token", token) || expiry == nullptr ||
+      json_object_set_new(root.get(), "expireAt", expiry) != 0) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
+    return QX_ERR_NO_MEMORY;
+  }
+  char* text = json_dumps(root.get(), 0);
+  if (text == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << "json_dumps() failed to encode rootJSONobj";
+    return QX_ERR_JSON_PARSE;
+  }
+  out = takeDump(text);
+  return 0;
+}
+
+int writeServerCertsOpsJson(const std::map<std::string, std::string>& members,
+                            const std::vector<std::string>& operations, std::string& out) {
+  static const char* tag = "writeServerCertsOpsJson";
+  out.clear();
+  JsonHolder root(json_object());
+  if (root.get() == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
+    return QX_ERR_NO_MEMORY;
+  }
+  auto fail = [&]() {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to form and write json to the specified string.";
+    return QX_ERR_NO_MEMORY;
+  };
+  for (const auto& m : members) {
+    if (!setString(root.get(), m.first.c_str(), m.second)) {
+      QXLOG(QXLOG_ERROR, tag) << "Unable to set the json key " << m.first;
+      return fail();
+    }
+  }
+  json_t* ops = json_array();
+  if (ops == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json array operations";
+    return fail();
+  }
+  // The object takes the array over from here, even when setting fails.
+  if (json_object_set_new(root.get(), "operations", ops) != 0) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to set the json key server";
+    return fail();
+  }
+  for (const auto& op : operations) {
+    json_t* s = json_stringn(op.data(), op.size());
+    if (s == nullptr || json_array_append_new(ops, s) != 0) {
+      QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json key " << op;
+      return fail();
+    }
+  }
+  char* text = json_dumps(root.get(), 0);
+  if (text == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to dump json to the output.";
+    return QX_ERR_JSON_DUMP;
+  }
+  out = takeDump(text);
+  return 0;
+}
+
+int extractRenewReqdFromJSON(const std::string& json, int& renewRequired) {
+  static const char* tag = "extractRenewReqdFromJSON";
+  if (json.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
+    return QX_ERR_BAD_ARGUMENT;
+  }
+  JsonHolder root(loadObject(json, tag, "Error in loading json: ", true));
+  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  if (!getInt(root.get(), "renewRequired", renewRequired)) {
+    QXLOG(QXLOG_ERROR, tag) << "Error in retrieving the renew required from the response.";
+    return QX_ERR_BAD_RESPONSE;
+  }
+  QXLOG(QXLOG_PROGRESS, tag) << "Got the renewRequired from the response as [" << renewRequired
+                             << "]";
+  return 0;
+}
+
+int extractTrustVersionFromJSON(const std::string& json, std::string& trustVersion) {
+  static const char* tag = "extractTrustVersionFromJSON";
+  if (json.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
+    return QX_ERR_BAD_ARGUMENT;
+  }
+  JsonHolder root(loadObject(json, tag, "Error in loading json: ", true));
+  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  if (!getString(root.get(), "trustVersion", trustVersion)) {
+    QXLOG(QXLOG_ERROR, tag) << "Error in retrieving the trust version from the response.";
+    return QX_ERR_BAD_RESPONSE;
+  }
+  QXLOG(QXLOG_PROGRESS, tag) << "Got the trustversion from the response as [" << trustVersion
+                             << "]";
+  return 0;
+}
+
+int extractAuthTokenFromJSON(const std::string& json, std::string& token, int& validity) {
+  static const char* tag = "extractAuthTokenFromJSON";
+  if (json.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
+    return QX_ERR_BAD_ARGUMENT;
+  }
+  JsonHolder root(loadObject(json, tag, "Error in loading json", false));
+  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  if (!getString(root.get(), "token", token) || !getInt(root.get(), "validity", validity)) {
+    QXLOG(QXLOG_ERROR, tag) << "Error in parsing json object";
+    return QX_ERR_BAD_RESPONSE;
+  }
+  return 0;
+}
+
+int extractErrorFromJSON(const std::string& json, int& errorCode, std::string& errorMessage) {
+  static const char* tag = "extractErrorFromJSON";
+  if (json.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
+    return QX_ERR_BAD_ARGUMENT;
+  }
+  JsonHolder root(loadObject(json, tag, "Error in loading json", false));
+  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  if (!getString(root.get(), "errorMessage", errorMessage) ||
+      !getInt(root.get(), "errorCode", errorCode)) {
+    QXLOG(QXLOG_ERROR, tag) << "Error in parsing json object";
+    return QX_ERR_BAD_RESPONSE;
+  }
+  return 0;
+}
+
+int extractUserDetailsFromJson(const std::string& json, std::string& userName,
+                               std::string& domainName, std::string& issuedBy,
+                               std::string& domainType, std::string& token, int& expireAt) {
+  static const char* tag = "extractUserDetailsFromJson";
+  if (json.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "input json string is empty";
+    return QX_ERR_BAD_ARGUMENT;
+  }
+  json_error_t err;
+  JsonHolder root(json_loadb(json.data(), json.size(), 0, &err));
+  if (root.get() == nullptr || !json_is_object(root.get())) {
+    if (root.get() != nullptr) {
+      QXLOG(QXLOG_ERROR, tag) << "Error in loading json: root is not a JSON object";
+    } else {
+      QXLOG(QXLOG_ERROR, tag) << "Error in loading json";
+      QXLOG(QXLOG_ERROR, tag) << "  json line :" << err.line;
+      QXLOG(QXLOG_ERROR, tag) << "  json pos  :" << err.position;
+      QXLOG(QXLOG_ERROR, tag) << "  json col  :" << err.column;
+      QXLOG(QXLOG_ERROR, tag) << "  json text :" << err.text;
+      QXLOG(QXLOG_ERROR, tag) << "  json src  :" << err.source;
+    }
+    return QX_ERR_JSON_PARSE;
+  }
+  json_t* r = root.get();
+  if (!getString(r, "userName", userName) || !getString(r, "domainName", domainName) ||
+      !getString(r, "issuedBy", issuedBy) || !getString(r, "domainType", domainType) ||
+      !getString(r, "token", token) || !getInt(r, "expireAt", expireAt)) {
+    QXLOG(QXLOG_ERROR, tag) << "Error in parsing json object";
+    return QX_ERR_BAD_RESPONSE;
+  }
+  return 0;
+}

@@ -1,0 +1,88 @@
+#include "qx_lock_file.h"
+
+#include <unistd.h>
+
+#include "qx_lock.h"
+#include "qx_status.h"
+
+namespace {
+constexpr int kLockNotTaken = 158;
+
+void realSleep(int seconds) {
+  if (seconds > 0) sleep(static_cast<unsigned>(seconds));
+}
+void (*g_sleeper)(int) = realSleep;
+}  // namespace
+
+QXTFLock JWTLock;
+
+void QXLockFile::T_setSleeper(void (*sleeper)(int)) {
+  g_sleeper = sleeper != nullptr ? sleeper : realSleep;
+}
+
+QXLockFile::QXLockFile(const char* path, int retries, int sleepSeconds)
+    : m_handle(-1),
+      m_path(path != nullptr ? path : ""),
+      m_lastError(0),
+      m_retries(retries),
+      m_sleepSeconds(sleepSeconds) {
+  lock_file();
+}
+
+QXLockFile::~QXLockFile() { unlock_file(); }
+
+bool QXLockFile::lock_file() {
+  m_lastError = 0;
+  if (m_handle != -1) return true;
+  int attempts = 0;
+  for (;;) {
+    int err = 0;
+    m_handle = ManageLockFile(m_path.c_str(), QXLOCK_TAKE, -1, &err);
+    if (m_handle != -1) return true;
+    m_lastError = err;
+    if (err != QXLOCK_ERR_HELD) return false;
+    g_sleeper(m_sleepSeconds);
+    if (++attempts >= m_retries) return false;
+  }
+}
+
+bool QXLockFile::unlock_file() {
+  if (m_handle == -1) return true;
+  int err = 0;
+  if (ManageLockFile(m_path.c_str(), QXLOCK_RELEASE, m_handle, &err) == -1) {
+    m_lastError = err;
+    return false;
+  }
+  m_handle = -1;
+  return true;
+}
+
+QXTFLock::QXTFLock() : m_handle(-1), m_reserved(0) {}
+
+QXTFLock::~QXTFLock() = default;
+
+int QXTFLock::lock(const char* path, int mode) {
+  if (path == nullptr || (mode != 0 && mode != 1)) return QX_ERR_BAD_ARGUMENT;
+  int err = 0;
+  m_handle = wait_lock(path, mode, &err);
+  if (m_handle == -1) return kLockNotTaken;
+  // A handle that came with an error is kept so that unlock() releases it.
+  return err == 0 ? 0 : kLockNotTaken;
+}
+
+void QXTFLock::unlock() {
+  if (m_handle == -1) return;
+  int err = 0;
+  wait_unlock(m_handle, &err);
+  m_handle = -1;
+}
+
+QXTFLockHelper::QXTFLockHelper(QXTFLock* lock, const char* path, int mode, int* status)
+    : m_lock(lock) {
+  int result = m_lock != nullptr ? m_lock->lock(path, mode) : kLockNotTaken;
+  if (status != nullptr) *status = result;
+}
+
+QXTFLockHelper::~QXTFLockHelper() {
+  if (m_lock != nullptr) m_lock->unlock();
+}
