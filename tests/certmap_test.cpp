@@ -1,0 +1,172 @@
+// The certificate map file and the lookups over it.
+#include <gtest/gtest.h>
+#include <utime.h>
+
+#include <cstring>
+
+#include "qx_certmap.h"
+#include "qx_test_env.h"
+
+namespace {
+
+const char kMap[] = R"({"servers": {
+  "Master1": {"hostUuid": "uuid-1", "caSupported": ["QXCA", "ECA"], "caMode": 0,
+              "trustVersion": "1",
+              "QXCA": {"certificate": "var/pki/qxca/host.pem", "privateKey": "/abs/key.pem"},
+              "ECA": {"certificate": "var/pki/eca/host.pem", "trustStore": "var/pki/eca/cacert.pem",
+                      "crl": "var/pki/eca/crl.pem"}},
+  "master2": {"hostUuid": "uuid-2", "caSupported": ["FOO", "ECA"], "caMode": 1,
+              "ECA": {"certificate": "var/pki/eca/host.pem", "crl": "var/pki/eca/crl.pem"}},
+  "eca-listed-only": {"caSupported": ["ECA"], "QXCA": {}}},
+ "default": "master2"})";
+
+class CertMapTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(m_root.ok()) << m_root.error();
+    write(kMap);
+  }
+  void write(const std::string& text) {
+    ASSERT_TRUE(qxWriteFile(m_root.path("var/certmap.json"), text));
+  }
+  QXTestRoot m_root;
+};
+
+TEST_F(CertMapTest, LookupStatuses) {
+  struct Case {
+    const char* name;
+    const char* map;  // null: no file
+    const char* server;
+    int want;
+    const char* entry;
+  } cases[] = {
+      {"exact entry", kMap, "Master1", 0, "Master1"},
+      {"any letter case", kMap, "MASTER1", 0, "Master1"},
+      {"default entry", kMap, "unknown", 0, "master2"},
+      {"no entry, no default", R"({"servers": {"a": {}}})", "b", 12, ""},
+      {"default names nothing", R"({"servers": {}, "default": "x"})", "b", 12, ""},
+      {"no map", nullptr, "Master1", 12, ""},
+      {"not JSON", "{\"servers\": ", "Master1", 7617, ""},
+      {"not an object", "[1, 2]", "Master1", 7617, ""},
+      {"servers not an object", R"({"servers": []})", "Master1", 7617, ""},
+      {"caMode out of range", R"({"servers": {"m": {"caMode": 7}}})", "m", 7617, ""},
+      {"caSupported not a list", R"({"servers": {"m": {"caSupported": "QXCA"}}})", "m", 7617, ""},
+      {"path not a string", R"({"servers": {"m": {"QXCA": {"certificate": 5}}}})", "m", 7617, ""},
+      {"empty server name", kMap, "", 20, ""},
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    std::remove(m_root.path("var/certmap.json").c_str());
+    if (tc.map != nullptr) write(tc.map);
+    certMapInfo info;
+    EXPECT_EQ(tc.want, getCertMapInfo(CERT_TYPE_HOST, tc.server, info));
+    if (tc.want == 0) {
+      EXPECT_STREQ(tc.entry, info.entryName);
+    }
+  }
+}
+
+TEST_F(CertMapTest, SupportedCAAndArtifacts) {
+  struct Case {
+    const char* server;
+    ca_usage preferred;
+  } cases[] = {
+      {"Master1", CA_USAGE_QXCA},          // first listed
+      {"master2", CA_USAGE_ECA},           // unknown names are skipped
+      {"eca-listed-only", CA_USAGE_NONE},  // listed but not described
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.server);
+    certMapInfo info;
+    ASSERT_EQ(0, getCertMapInfo(CERT_TYPE_HOST, tc.server, info));
+    EXPECT_EQ(tc.preferred, getCaSupportedByThisHost(info));
+  }
+
+  certMapInfo info;
+  ASSERT_EQ(0, getCertMapInfo(CERT_TYPE_HOST, "master1", info));
+  host_cert_data data;
+  std::memset(&data, 0, sizeof data);
+  ASSERT_EQ(0, getCertDataByCAtypeExEx(info, CA_USAGE_QXCA, 1, 0, &data));
+  EXPECT_EQ(m_root.path("var/pki/qxca/host.pem"), data.certPath);
+  EXPECT_STREQ("/abs/key.pem", data.keyPath);
+  EXPECT_STREQ("", data.passphraseFilePath);
+  EXPECT_STREQ("uuid-1", data.hostUuid);
+  ASSERT_EQ(0, getCertDataByCAtypeExEx(info, CA_USAGE_ECA_ALT, 1, 0, &data));
+  EXPECT_EQ(m_root.path("var/pki/eca/cacert.pem"), data.trustStorePath);
+  EXPECT_EQ(20, getCertDataByCAtypeExEx(info, CA_USAGE_NONE, 1, 0, &data));
+  EXPECT_EQ(20, getCertDataByCAtypeExEx(info, CA_USAGE_QXCA, 1, 0, nullptr));
+
+  ASSERT_EQ(0, getCertMapInfo(CERT_TYPE_HOST, "master2", info));
+  EXPECT_EQ(12, getCertDataByCAtypeExEx(info, CA_USAGE_QXCA, 1, 0, &data));
+}
+
+TEST_F(CertMapTest, ModeTrustVersionAndModificationTime) {
+  int mode = -1;
+  EXPECT_EQ(0, getCAModeByServer(CERT_TYPE_HOST, "master1", &mode));
+  EXPECT_EQ(0, mode);
+  EXPECT_EQ(12, getCAModeByServer(CERT_TYPE_HOST, "eca-listed-only", &mode));
+
+  struct Case {
+    const char* server;
+    const char* theirs;
+    int current;
+  } cases[] = {
+      {"Master1", "1", 1}, {"Master1", "1.0", 1}, {"Master1", " 1\n", 1}, {"Master1", "2", 0},
+      {"Master1", "", 0},  {"Master1", "x1", 0},  {"master2", "1", 0},  // no local trust version:
+                                                                        // never current
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(std::string(tc.server) + " " + tc.theirs);
+    int current = -1;
+    EXPECT_EQ(0, compareTrustVersion(CERT_TYPE_HOST, tc.theirs, tc.server, &current));
+    EXPECT_EQ(tc.current, current);
+  }
+
+  // The map points into the shared PKI through var/pki: use a private copy.
+  std::string cert = m_root.path("var/own.pem");
+  ASSERT_TRUE(qxWriteFile(cert, qxReadFile(m_root.pki("qxca/host.pem"))));
+  write(R"({"servers": {"m": {"QXCA": {"certificate": ")" + cert + R"("}}}})");
+  struct utimbuf times = {1500000000, 1500000000};
+  ASSERT_EQ(0, utime(cert.c_str(), &times));
+  time_t mtime = 0;
+  EXPECT_EQ(0, getCertModTime(CERT_TYPE_HOST, "m", &mtime));
+  EXPECT_EQ(1500000000, mtime);
+  std::remove(cert.c_str());
+  EXPECT_EQ(12, getCertModTime(CERT_TYPE_HOST, "m", &mtime));
+}
+
+TEST_F(CertMapTest, CertInfoListByType) {
+  certInfo* list = nullptr;
+  ASSERT_EQ(0, getAllCertInfoByType(1, &list));
+  const certInfo* m1 = getTargetMasterCert(list, "MASTER1");
+  ASSERT_NE(nullptr, m1);
+  EXPECT_STREQ("uuid-1", m1->hostUuid);
+  EXPECT_EQ(nullptr, getTargetMasterCert(list, "master2"));  // no own-CA record
+  freeCertInfoList(&list);
+  EXPECT_EQ(nullptr, list);
+
+  ASSERT_EQ(0, getAllCertInfoByType(2, &list));
+  ASSERT_NE(nullptr, getTargetMasterCert(list, "master2"));
+  EXPECT_STREQ("uuid-2", getTargetMasterCert(list, "master2")->hostUuid);
+  freeCertInfoList(&list);
+
+  EXPECT_EQ(20, getAllCertInfoByType(3, &list));
+  write("garbage");
+  EXPECT_EQ(7617, getAllCertInfoByType(1, &list));
+  EXPECT_EQ(nullptr, list);
+}
+
+TEST_F(CertMapTest, FileReaders) {
+  std::string out;
+  EXPECT_EQ(12, readDataFromFile(m_root.path("nope"), out));
+  EXPECT_EQ(13, readDataFromFile(m_root.path("var"), out));  // a directory
+  EXPECT_EQ(0, readPEMDataFromFile(m_root.pki("eca/cacert.pem"), out));
+  size_t first = out.find("BEGIN CERTIFICATE");
+  EXPECT_NE(std::string::npos, out.find("BEGIN CERTIFICATE", first + 1));  // both certificates
+  EXPECT_EQ(8508, readPEMDataFromFile(m_root.pki("qxca/host.key"), out));
+
+  std::vector<std::string> crls = getConfiguredCrlFiles();
+  EXPECT_EQ(std::vector<std::string>{m_root.path("var/pki/eca/crl.pem")}, crls);
+}
+
+}  // namespace

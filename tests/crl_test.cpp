@@ -1,0 +1,250 @@
+// Revocation checks of the CRL service, with CRLs on disk and downloaded.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+#include "qx_crl.h"
+#include "qx_test_env.h"
+
+namespace {
+
+// Serves one body to every HTTP request on a loopback port.
+class CrlServer {
+ public:
+  explicit CrlServer(std::string body) : m_body(std::move(body)) {
+    m_fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (bind(m_fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(m_fd, 8) != 0 ||
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+      return;
+    m_port = ntohs(a.sin_port);
+    m_thread = std::thread([this] { run(); });
+  }
+  ~CrlServer() {
+    m_stop = true;
+    if (m_thread.joinable()) m_thread.join();
+    close(m_fd);
+  }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/ca.crl"; }
+  int hits() const { return m_hits; }
+
+ private:
+  void run() {
+    while (!m_stop) {
+      pollfd p{m_fd, POLLIN, 0};
+      if (poll(&p, 1, 50) <= 0) continue;
+      int c = accept(m_fd, nullptr, nullptr);
+      if (c < 0) continue;
+      char buf[4096];
+      ssize_t got = recv(c, buf, sizeof buf, 0);
+      (void)got;
+      std::string reply = "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(m_body.size()) +
+                          "\r\n\r\n" + m_body;
+      ssize_t sent = send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
+      (void)sent;
+      close(c);
+      ++m_hits;
+    }
+  }
+  std::string m_body;
+  int m_fd = -1;
+  int m_port = 0;
+  std::atomic<bool> m_stop{false};
+  std::atomic<int> m_hits{0};
+  std::thread m_thread;
+};
+
+class CrlTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(m_root.ok()) << m_root.error();
+    // Only what a test puts in place counts: no map CRLs.
+    ASSERT_TRUE(qxWriteFile(m_root.path("var/certmap.json"), "{}"));
+  }
+
+  struct Result {
+    int rc;
+    bool revoked;
+    int errorCode;
+  };
+  Result check(const std::string& chain, unsigned level, const std::string& crlFile = "",
+               bool acceptStale = false, bool mayDownload = false) {
+    NoQXCurlCrlServiceFactory factory;
+    std::unique_ptr<QXCurlCrlService> s(factory.createCrlService(
+        CERT_TYPE_HOST, false, acceptStale, crlFile.empty() ? nullptr : crlFile.c_str()));
+    Result r{-1, false, -1};
+    std::string why;
+    r.rc = s->checkRevocation(chain, qxReadFile(m_root.pki("eca/cacert.pem")), level, r.revoked,
+                              r.errorCode, why, mayDownload, 0);
+    return r;
+  }
+
+  // The CRL of one issuer out of a PEM bundle, by a part of its issuer name.
+  std::string crlOf(const std::string& bundle, const char* issuerPart) {
+    BIO* in = BIO_new_mem_buf(bundle.data(), static_cast<int>(bundle.size()));
+    std::string out;
+    while (X509_CRL* c = PEM_read_bio_X509_CRL(in, nullptr, nullptr, nullptr)) {
+      char name[256];
+      X509_NAME_oneline(X509_CRL_get_issuer(c), name, sizeof name);
+      if (std::string(name).find(issuerPart) != std::string::npos) {
+        BIO* o = BIO_new(BIO_s_mem());
+        PEM_write_bio_X509_CRL(o, c);
+        char* p;
+        long n = BIO_get_mem_data(o, &p);
+        out.assign(p, static_cast<size_t>(n));
+        BIO_free(o);
+      }
+      X509_CRL_free(c);
+    }
+    BIO_free(in);
+    return out;
+  }
+
+  std::string file(const std::string& name, const std::string& text) {
+    std::string p = m_root.path(name);
+    EXPECT_TRUE(qxWriteFile(p, text));
+    return p;
+  }
+
+  // A fresh leaf of the ECA intermediate whose CRL distribution point is url.
+  std::string leafWithDistributionPoint(const std::string& url) {
+    FILE* f = fopen(m_root.pki("eca/intermediate.key").c_str(), "r");
+    EVP_PKEY* caKey = f ? PEM_read_PrivateKey(f, nullptr, nullptr, const_cast<char*>("")) : nullptr;
+    if (f) fclose(f);
+    f = fopen(m_root.pki("eca/intermediate.pem").c_str(), "r");
+    X509* ca = f ? PEM_read_X509(f, nullptr, nullptr, nullptr) : nullptr;
+    if (f) fclose(f);
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* x = X509_new();
+    std::string pem;
+    if (caKey && ca && key && x) {
+      X509_set_version(x, 2);
+      ASN1_INTEGER_set(X509_get_serialNumber(x), 987654);
+      X509_gmtime_adj(X509_getm_notBefore(x), -60);
+      X509_gmtime_adj(X509_getm_notAfter(x), 3600);
+      X509_set_pubkey(x, key);
+      X509_NAME_add_entry_by_txt(X509_get_subject_name(x), "CN", MBSTRING_ASC,
+                                 reinterpret_cast<const unsigned char*>("dl"), -1, -1, 0);
+      X509_set_issuer_name(x, X509_get_subject_name(ca));
+      X509V3_CTX ctx;
+      X509V3_set_ctx(&ctx, ca, x, nullptr, nullptr, 0);
+      std::string value = "URI:" + url;
+      X509_EXTENSION* ext =
+          X509V3_EXT_conf_nid(nullptr, &ctx, NID_crl_distribution_points, value.c_str());
+      X509_add_ext(x, ext, -1);
+      X509_EXTENSION_free(ext);
+      X509_sign(x, caKey, EVP_sha256());
+      BIO* o = BIO_new(BIO_s_mem());
+      PEM_write_bio_X509(o, x);
+      PEM_write_bio_X509(o, ca);
+      char* p;
+      long n = BIO_get_mem_data(o, &p);
+      pem.assign(p, static_cast<size_t>(n));
+      BIO_free(o);
+    }
+    X509_free(x);
+    EVP_PKEY_free(key);
+    X509_free(ca);
+    EVP_PKEY_free(caKey);
+    return pem;
+  }
+
+  QXTestRoot m_root;
+};
+
+TEST_F(CrlTest, CheckByLevelAndCrl) {
+  const std::string good = qxReadFile(m_root.pki("eca/server.pem"));
+  const std::string revoked =
+      qxReadFile(m_root.pki("eca/revoked.pem")) + qxReadFile(m_root.pki("eca/intermediate.pem"));
+  const std::string all = m_root.pki("eca/crl.pem");
+  const std::string expired = m_root.pki("eca/crl_expired.pem");
+  const std::string interOnly = file("inter.crl", crlOf(qxReadFile(all), "Intermediate"));
+  struct Case {
+    const char* name;
+    std::string chain;
+    unsigned level;
+    std::string crl;
+    bool acceptStale;
+    Result want;
+  } cases[] = {
+      {"level 0 checks nothing", revoked, 0, "", false, {0, false, 0}},
+      {"good leaf", good, 1, all, false, {0, false, 0}},
+      {"revoked leaf", revoked, 1, all, false, {0, true, 9318}},
+      {"no CRL", good, 1, "", false, {5982, false, 5982}},
+      {"leaf level needs only the issuer's CRL", good, 1, interOnly, false, {0, false, 0}},
+      {"chain level needs every CRL", good, 2, interOnly, false, {5982, false, 5982}},
+      {"chain level, every CRL", revoked, 2, all, false, {0, true, 9318}},
+      {"expired CRL", good, 1, expired, false, {9314, false, 9314}},
+      {"expired CRL accepted still revokes", revoked, 1, expired, true, {0, true, 9318}},
+      {"garbage chain", "not a certificate", 1, all, false, {20, false, 20}},
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    Result r = check(tc.chain, tc.level, tc.crl, tc.acceptStale);
+    EXPECT_EQ(tc.want.rc, r.rc);
+    EXPECT_EQ(tc.want.revoked, r.revoked);
+    EXPECT_EQ(tc.want.errorCode, r.errorCode);
+  }
+}
+
+TEST_F(CrlTest, CrlsAreFoundUnderTheRootAndInTheMap) {
+  const std::string revoked =
+      qxReadFile(m_root.pki("eca/revoked.pem")) + qxReadFile(m_root.pki("eca/intermediate.pem"));
+  ASSERT_EQ(0, mkdir(m_root.path("var/crl").c_str(), 0755));
+  // A garbage file next to a real one is skipped, not fatal.
+  file("var/crl/junk.r0", "garbage");
+  file("var/crl/1.r0", qxReadFile(m_root.pki("eca/crl.pem")));
+  EXPECT_TRUE(check(revoked, 1).revoked);
+
+  std::remove(m_root.path("var/crl/1.r0").c_str());
+  EXPECT_EQ(5982, check(revoked, 1).rc);
+  file("var/certmap.json", R"({"servers": {"m": {"ECA": {"crl": "var/pki/eca/crl.pem"}}}})");
+  EXPECT_TRUE(check(revoked, 1).revoked);
+}
+
+TEST_F(CrlTest, MissingCrlIsDownloadedAndKept) {
+  const std::string interCrl = crlOf(qxReadFile(m_root.pki("eca/crl.pem")), "Intermediate");
+  ASSERT_FALSE(interCrl.empty());
+  CrlServer server(interCrl);
+  const std::string chain = leafWithDistributionPoint(server.url());
+  ASSERT_FALSE(chain.empty());
+
+  EXPECT_EQ(5982, check(chain, 1, "", false, false).rc);  // download not allowed
+  EXPECT_EQ(0, server.hits());
+  Result r = check(chain, 1, "", false, true);
+  EXPECT_EQ(0, r.rc);
+  EXPECT_FALSE(r.revoked);
+  EXPECT_EQ(1, server.hits());
+  // Kept under the root: the next check needs no download.
+  EXPECT_EQ(0, check(chain, 1, "", false, false).rc);
+  EXPECT_EQ(1, server.hits());
+}
+
+TEST_F(CrlTest, UnusableDownloads) {
+  CrlServer garbage("this is not a CRL");
+  EXPECT_EQ(5982, check(leafWithDistributionPoint(garbage.url()), 1, "", false, true).rc);
+  EXPECT_EQ(1, garbage.hits());
+
+  // A CRL of another issuer does not count for the leaf.
+  CrlServer other(crlOf(qxReadFile(m_root.pki("eca/crl.pem")), "Root"));
+  EXPECT_EQ(5982, check(leafWithDistributionPoint(other.url()), 1, "", false, true).rc);
+
+  std::string body;
+  EXPECT_EQ(5982, qxCrlDownload("http://127.0.0.1:1/eca.crl", body, 2));
+  EXPECT_EQ(5982, qxCrlDownload("file:///etc/passwd", body, 2));
+}
+
+}  // namespace

@@ -1,0 +1,264 @@
+// CA choice and PKI artifacts of a client, without a server.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "qx_certmap.h"
+#include "qx_test_env.h"
+#include "qxclnt_curl.h"
+#include "tls/qx_tls_internal.h"
+
+namespace {
+
+const char kBothCAs[] = R"({"servers": {"localhost": {"caSupported": ["QXCA", "ECA"],
+  "QXCA": {"certificate": "var/pki/qxca/host.pem", "privateKey": "var/pki/qxca/host.key"},
+  "ECA": {"certificate": "var/pki/eca/host.pem", "privateKey": "var/pki/eca/host.key",
+          "passphraseFile": "var/pki/eca/passphrase", "trustStore": "var/pki/eca/cacert.pem"}}}})";
+
+class TlsPkiTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(m_root.ok()) << m_root.error(); }
+
+  void writeMap(const std::string& text) {
+    ASSERT_TRUE(qxWriteFile(m_root.path("var/certmap.json"), text));
+  }
+  std::string mapWithSupported(const char* supported) {
+    std::string s = kBothCAs;
+    return s.replace(s.find(R"(["QXCA", "ECA"])"), 15, supported);
+  }
+  std::unique_ptr<QXClientCURL> client(const std::string& caType = "") {
+    return std::make_unique<QXClientCURL>("localhost", 1, CERT_TYPE_HOST, QXCURL_USE_TOKEN, nullptr,
+                                          "", false, false, false, caType);
+  }
+
+  QXTestRoot m_root;
+};
+
+TEST_F(TlsPkiTest, CATypeDecision) {
+  struct Case {
+    const char* name;
+    std::string map;  // empty: no map file
+    int load;
+    bool withArtifacts;
+    int wantRc;
+    int wantUsage;
+    const char* wantCert;  // suffix of the artifacts' certificate path
+  } cases[] = {
+      {"forced own CA, no lookup", "", CA_LOAD_FORCE_QXCA, false, 0, 0, ""},
+      {"forced external CA, no lookup", "", CA_LOAD_FORCE_ECA, false, 0, 2, ""},
+      {"configured, map prefers own CA", kBothCAs, CA_LOAD_CONFIGURED, true, 0, 0, "qxca/host.pem"},
+      {"configured, map prefers external CA", mapWithSupported(R"(["ECA", "QXCA"])"),
+       CA_LOAD_CONFIGURED, true, 0, 2, "eca/host.pem"},
+      {"configured, map lists none", mapWithSupported("[]"), CA_LOAD_CONFIGURED, true, 0, 3, ""},
+      {"configured, map missing", "", CA_LOAD_CONFIGURED, true, 0, 0, ""},
+      {"configured, map garbage", "{\"servers\": [1,", CA_LOAD_CONFIGURED, true, 0, 0, ""},
+      {"forced external CA, map missing", "", CA_LOAD_FORCE_ECA, true, 0, 2, ""},
+      {"forced own CA, map prefers external", mapWithSupported(R"(["ECA"])"), CA_LOAD_FORCE_QXCA,
+       true, 0, 0, "qxca/host.pem"},
+      {"invalid load type", kBothCAs, 3, true, 20, 1, ""},  // out untouched
+  };
+  auto c = client();
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    std::remove(m_root.path("var/certmap.json").c_str());
+    if (!tc.map.empty()) writeMap(tc.map);
+    host_cert_data data;
+    std::memset(&data, 0, sizeof data);
+    ca_usage usage = CA_USAGE_ECA_ALT;  // no case expects it: shows an untouched result
+    EXPECT_EQ(tc.wantRc, c->getCATypeToUse(static_cast<caLoadType>(tc.load), 0, usage,
+                                           tc.withArtifacts ? &data : nullptr));
+    EXPECT_EQ(tc.wantUsage, static_cast<int>(usage));
+    std::string cert = data.certPath;
+    std::string want = tc.wantCert;
+    EXPECT_TRUE(cert.size() >= want.size() &&
+                cert.compare(cert.size() - want.size(), want.size(), want) == 0)
+        << cert;
+  }
+}
+
+TEST_F(TlsPkiTest, TrustStoreAndMarkerFollowTheUsage) {
+  struct Case {
+    const char* name;
+    std::string map;
+    std::string caType;
+    std::string wantTrust;
+    const char* wantSni;
+  } cases[] = {
+      {"own CA", kBothCAs, "", m_root.path("var/webtruststore/cacert.pem"), "QXCA"},
+      {"external CA", kBothCAs, "ECA", m_root.path("var/pki/eca/cacert.pem"), "ECA"},
+      {"no CA usable", mapWithSupported("[]"), "", m_root.path("var/webtruststore/cacert.pem"), ""},
+      {"map missing", "", "", m_root.path("var/webtruststore/cacert.pem"), "QXCA"},
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    std::remove(m_root.path("var/certmap.json").c_str());
+    if (!tc.map.empty()) writeMap(tc.map);
+    auto c = client(tc.caType);
+    std::string trust;
+    c->getTrustStorePath(trust);
+    EXPECT_EQ(tc.wantTrust, trust);
+    EXPECT_EQ(tc.wantSni, c->m_sniName);
+    EXPECT_NE(std::string::npos, c->m_trustedCert.find("BEGIN CERTIFICATE"));
+  }
+  EXPECT_EQ(m_root.path("var/global/webtruststore/cacert.pem"), getCAFilePath(CERT_TYPE_GLOBAL));
+}
+
+TEST_F(TlsPkiTest, PopulateFillsOnlyEmptyMembers) {
+  writeMap(kBothCAs);
+  auto c = client("ECA");
+  c->m_certPath = "/caller/cert.pem";
+  c->m_passphrase = "caller";
+  c->m_CACertPath.clear();
+  host_cert_data data;
+  std::memset(&data, 0, sizeof data);
+  ca_usage usage = CA_USAGE_ECA;
+  ASSERT_EQ(0, c->getCATypeToUse(CA_LOAD_FORCE_ECA, 0, usage, &data));
+  EXPECT_EQ(0, c->populatePKIArtifacts(usage, data, true));
+  EXPECT_EQ("/caller/cert.pem", c->m_certPath);
+  EXPECT_EQ("caller", c->m_passphrase);
+  EXPECT_EQ(data.keyPath, c->m_keyPath);
+  EXPECT_EQ(data.trustStorePath, c->m_CACertPath);
+
+  // The passphrase comes from the file when the caller gave none.
+  auto d = client("ECA");
+  d->m_passphrase.clear();
+  EXPECT_EQ(0, d->populatePKIArtifacts(usage, data, true));
+  EXPECT_EQ(qxReadFile(m_root.pki("eca/passphrase")), d->m_passphrase + "\n");
+}
+
+TEST_F(TlsPkiTest, MissingArtifacts) {
+  writeMap(kBothCAs);
+  host_cert_data data;
+  std::memset(&data, 0, sizeof data);
+  std::strcpy(data.certPath, "/nonexistent/cert.pem");
+  std::strcpy(data.keyPath, "/nonexistent/key.pem");
+  std::strcpy(data.trustStorePath, "/nonexistent/ca.pem");
+
+  auto c = client("ECA");
+  c->m_certPath.clear();
+  c->m_keyPath.clear();
+  // Trust store already known: the certificate failure is what is reported.
+  EXPECT_EQ(-1, c->populatePKIArtifacts(CA_USAGE_ECA, data, true));
+  EXPECT_TRUE(c->m_certPath.empty());
+  EXPECT_TRUE(c->m_keyPath.empty());
+
+  // A missing passphrase file stops at once.
+  std::strcpy(data.passphraseFilePath, "/nonexistent/pass");
+  c->m_passphrase.clear();
+  EXPECT_EQ(-1, c->populatePKIArtifacts(CA_USAGE_ECA, data, true));
+
+  // Mutual auth without a key: 20, after the verification options were set.
+  QXLogCapture log;
+  c->m_certPath = m_root.pki("eca/host.pem");
+  EXPECT_EQ(20, c->setFSPKIArtifacts(CA_USAGE_ECA, true));
+  EXPECT_TRUE(log.contains("Missing PKI artifact(s) Private Key")) << log.dump();
+}
+
+TEST_F(TlsPkiTest, PassphraseFile) {
+  struct Case {
+    const char* name;
+    const char* content;  // null: no file
+    int want;
+    const char* passphrase;
+  } cases[] = {
+      {"CR LF stripped", "abc\r\n", 0, "abc"},     {"CR inside removed", "a\rb\n", 0, "ab"},
+      {"first line only", "one\ntwo\n", 0, "one"}, {"no newline", "xyz", 0, "xyz"},
+      {"empty file", "", 8762, "untouched"},       {"missing file", nullptr, 12, "untouched"},
+  };
+  auto c = client();
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    std::string path = m_root.path("var/pass");
+    std::remove(path.c_str());
+    if (tc.content != nullptr) {
+      ASSERT_TRUE(qxWriteFile(path, tc.content));
+    }
+    std::string pass = "untouched";
+    EXPECT_EQ(tc.want, c->loadPassphraseFromFile(path, pass));
+    EXPECT_EQ(tc.passphrase, pass);
+  }
+}
+
+TEST_F(TlsPkiTest, PassphraseIsNeverLogged) {
+  writeMap(kBothCAs);
+  QXLogCapture log;
+  auto c = client("ECA");
+  c->setCurlTLSParams(CA_LOAD_FORCE_ECA, true, false);
+  ASSERT_FALSE(c->m_passphrase.empty());
+  EXPECT_EQ(std::string::npos, log.dump().find(c->m_passphrase));
+}
+
+TEST_F(TlsPkiTest, CallerSuppliedArtifacts) {
+  writeMap(mapWithSupported(R"(["ECA"])"));
+  const std::string cert = m_root.pki("eca/host.pem"), key = m_root.pki("eca/host.key"),
+                    trust = m_root.pki("eca/cacert.pem"), passFile = m_root.pki("eca/passphrase");
+  struct Case {
+    const char* name;
+    caLoadType load;
+    std::string trust, crl, cert, key, pass, passFile;
+    int want;
+  } cases[] = {
+      {"missing trust store", CA_LOAD_FORCE_ECA, "/nonexistent", "", "", "", "", "", 12},
+      {"missing CRL", CA_LOAD_FORCE_ECA, trust, "/nonexistent", "", "", "", "", 12},
+      {"mutual without key", CA_LOAD_FORCE_ECA, trust, "", cert, "", "", "", 20},
+      {"missing certificate", CA_LOAD_FORCE_ECA, trust, "", "/nonexistent", key, "", "", 12},
+      {"unreadable passphrase file", CA_LOAD_FORCE_ECA, trust, "", cert, key, "", "/nonexistent",
+       12},
+      {"complete", CA_LOAD_FORCE_ECA, trust, "", cert, key, "", passFile, 0},
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    auto c = client();
+    c->m_passphrase.clear();
+    EXPECT_EQ(tc.want, c->setAssortedCurlPKIParams(tc.load, tc.trust, true, tc.crl, tc.cert, tc.key,
+                                                   tc.pass, tc.passFile));
+    if (tc.want == 0) {
+      EXPECT_EQ(trust, c->m_CACertPath);
+      EXPECT_FALSE(c->m_passphrase.empty());
+      EXPECT_EQ(CA_USAGE_ECA, c->m_caUsage);
+    }
+  }
+}
+
+TEST_F(TlsPkiTest, CustomCAPathForcesOnlyTheOwnCA) {
+  writeMap(mapWithSupported(R"(["ECA", "QXCA"])"));
+  const std::string trust = m_root.path("var/webtruststore/cacert.pem");
+  auto c = client();
+  EXPECT_EQ(0, c->setCustomCAPath(trust, "ECA"));
+  EXPECT_EQ(CA_USAGE_ECA, c->m_caUsage);  // configured: the map's preference
+  EXPECT_EQ(0, c->setCustomCAPath(trust, "QXCA"));
+  EXPECT_EQ(CA_USAGE_QXCA, c->m_caUsage);
+  EXPECT_EQ(12, c->setCustomCAPath("/nonexistent", "QXCA"));
+}
+
+TEST(TlsCertInfoTest, NamesFromCertificateText) {
+  struct Case {
+    const char* name;
+    std::vector<const char*> lines;
+    std::list<std::string> want;
+  } cases[] = {
+      {"DNS names only, IP dropped",
+       {"Subject:C = DE, O = Acme, CN = localhost",
+        "X509v3 Subject Alternative Name:DNS:a, DNS:b, IP Address:127.0.0.1"},
+       {"a", "b"}},
+      {"common name without alternative names",
+       {"Subject:O = Acme, CN = master1, OU = x"},
+       {"master1"}},
+      {"common name last in the subject", {"Subject:CN = only"}, {"only"}},
+      {"nothing usable", {"Issuer:CN = Some CA", "Version:2"}, {""}},
+      {"alternative names without DNS",
+       {"Subject:CN = c", "X509v3 Subject Alternative Name:IP Address:10.0.0.1"},
+       {"c"}},
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    curl_slist* list = nullptr;
+    for (const char* l : tc.lines) list = curl_slist_append(list, l);
+    std::list<std::string> names;
+    qxCertInfoNames(list, names);
+    curl_slist_free_all(list);
+    EXPECT_EQ(tc.want, names);
+  }
+}
+
+}  // namespace

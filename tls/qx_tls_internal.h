@@ -1,0 +1,34 @@
+#ifndef QX_TLS_INTERNAL_H
+#define QX_TLS_INTERNAL_H
+// Pieces shared by the TLS sources and their tests; not installed.
+#include <curl/curl.h>
+#include <openssl/ssl.h>
+
+#include <list>
+#include <string>
+
+class QXClientCURL;
+
+// Sets one libcurl option on the client's handle; a failure is logged as
+// "FAILED to set <name> in cURL. cURL :" + libcurl's text under tag and
+// comes back mapped to the product's status.
+int qxTlsSetOption(QXClientCURL& c, CURLoption option, long value, const char* name,
+                   const char* tag);
+int qxTlsSetOption(QXClientCURL& c, CURLoption option, const void* value, const char* name,
+                   const char* tag);
+
+// SSL-context callback that only puts the client's server-name marker on
+// the connection (own CA: no revocation check to install).
+CURLcode qxcurl_sni_context(CURL* curl, SSL_CTX* ctx, void* client);
+
+// Makes every handshake of connections built from ctx send marker as the
+// TLS server name (empty: the URL host, as libcurl sets it). 0, or -1 when
+// the marker cannot be attached.
+int qxInstallSniMarker(SSL_CTX* ctx, const std::string& marker);
+
+// Names a server certificate carries, from libcurl's certificate-info text
+// lines ("Subject:...", "X509v3 Subject Alternative Name:..."): every DNS
+// alternative name, or the common name alone when there is none.
+void qxCertInfoNames(const struct curl_slist* entries, std::list<std::string>& names,
+                     std::string* commonName = nullptr);
+#endif
