@@ -69,6 +69,20 @@ json_t* loadObject(const std::string& json, const char* tag, const char* loadMes
   return nullptr;
 }
 
+// The common start of the parsers: empty input is 20, anything that is not a
+// JSON object 7617; status says which when nullptr comes back.
+json_t* loadInput(const std::string& json, const char* tag, const char* loadMessage,
+                  bool withText, int& status) {
+  if (json.empty()) {
+    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
+    status = QX_ERR_BAD_ARGUMENT;
+    return nullptr;
+  }
+  json_t* root = loadObject(json, tag, loadMessage, withText);
+  status = root != nullptr ? 0 : QX_ERR_JSON_PARSE;
+  return root;
+}
+
 }  // namespace
 
 int getSessionTokenPayload(std::string sessionToken, std::string& out) {
@@ -190,12 +204,9 @@ int writeServerCertsOpsJson(const std::map<std::string, std::string>& members,
 
 int extractRenewReqdFromJSON(const std::string& json, int& renewRequired) {
   static const char* tag = "extractRenewReqdFromJSON";
-  if (json.empty()) {
-    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
-    return QX_ERR_BAD_ARGUMENT;
-  }
-  JsonHolder root(loadObject(json, tag, "Error in loading json: ", true));
-  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  int status = 0;
+  JsonHolder root(loadInput(json, tag, "Error in loading json: ", true, status));
+  if (root.get() == nullptr) return status;
   if (!getInt(root.get(), "renewRequired", renewRequired)) {
     QXLOG(QXLOG_ERROR, tag) << "Error in retrieving the renew required from the response.";
     return QX_ERR_BAD_RESPONSE;
@@ -207,12 +218,9 @@ int extractRenewReqdFromJSON(const std::string& json, int& renewRequired) {
 
 int extractTrustVersionFromJSON(const std::string& json, std::string& trustVersion) {
   static const char* tag = "extractTrustVersionFromJSON";
-  if (json.empty()) {
-    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
-    return QX_ERR_BAD_ARGUMENT;
-  }
-  JsonHolder root(loadObject(json, tag, "Error in loading json: ", true));
-  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  int status = 0;
+  JsonHolder root(loadInput(json, tag, "Error in loading json: ", true, status));
+  if (root.get() == nullptr) return status;
   if (!getString(root.get(), "trustVersion", trustVersion)) {
     QXLOG(QXLOG_ERROR, tag) << "Error in retrieving the trust version from the response.";
     return QX_ERR_BAD_RESPONSE;
@@ -224,12 +232,9 @@ int extractTrustVersionFromJSON(const std::string& json, std::string& trustVersi
 
 int extractAuthTokenFromJSON(const std::string& json, std::string& token, int& validity) {
   static const char* tag = "extractAuthTokenFromJSON";
-  if (json.empty()) {
-    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
-    return QX_ERR_BAD_ARGUMENT;
-  }
-  JsonHolder root(loadObject(json, tag, "Error in loading json", false));
-  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  int status = 0;
+  JsonHolder root(loadInput(json, tag, "Error in loading json", false, status));
+  if (root.get() == nullptr) return status;
   if (!getString(root.get(), "token", token) || !getInt(root.get(), "validity", validity)) {
     QXLOG(QXLOG_ERROR, tag) << "Error in parsing json object";
     return QX_ERR_BAD_RESPONSE;
@@ -239,12 +244,9 @@ int extractAuthTokenFromJSON(const std::string& json, std::string& token, int& v
 
 int extractErrorFromJSON(const std::string& json, int& errorCode, std::string& errorMessage) {
   static const char* tag = "extractErrorFromJSON";
-  if (json.empty()) {
-    QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
-    return QX_ERR_BAD_ARGUMENT;
-  }
-  JsonHolder root(loadObject(json, tag, "Error in loading json", false));
-  if (root.get() == nullptr) return QX_ERR_JSON_PARSE;
+  int status = 0;
+  JsonHolder root(loadInput(json, tag, "Error in loading json", false, status));
+  if (root.get() == nullptr) return status;
   if (!getString(root.get(), "errorMessage", errorMessage) ||
       !getInt(root.get(), "errorCode", errorCode)) {
     QXLOG(QXLOG_ERROR, tag) << "Error in parsing json object";
