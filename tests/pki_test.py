@@ -89,50 +89,6 @@ class PkiTest(unittest.TestCase):
                     self.assertNotEqual(0, r.returncode)
                     self.assertIn(error, r.stdout + r.stderr)
 
-    def test_names_and_distribution_points(self):
-        expected = {
-            "server": "DNS:localhost, IP Address:127.0.0.1",
-            "revoked": "DNS:localhost, IP Address:127.0.0.1",
-            "expired": "DNS:localhost, IP Address:127.0.0.1",
-            "wrongname": "DNS:wrong1.example, DNS:wrong2.example, IP Address:10.9.8.7",
-        }
-        for leaf in LEAVES:
-            with self.subTest(leaf=leaf):
-                r = openssl("x509", "-in", self.p(leaf + ".pem"), "-noout", "-text")
-                self.assertEqual(0, r.returncode, r.stderr)
-                self.assertIn("URI:http://127.0.0.1:1/eca.crl", r.stdout)
-                san = expected.get(leaf.split("/")[1])
-                if san:
-                    self.assertIn(san, r.stdout)
-        for path, cn in (("qxca/ca.pem", "QXCA Test Root"), ("eca/root.pem", "ECA Test Root"),
-                         ("eca/intermediate.pem", "ECA Test Intermediate"),
-                         ("qxca/host.pem", "testhost.qxca")):
-            r = openssl("x509", "-in", self.p(path), "-noout", "-subject")
-            self.assertIn("CN = " + cn, r.stdout, path)
-
-    def test_eca_files_carry_the_intermediate(self):
-        inter = open(self.p("eca/intermediate.pem")).read()
-        for name in ("server", "host", "revoked"):
-            text = open(self.p("eca/%s.pem" % name)).read()
-            self.assertEqual(2, text.count("BEGIN CERTIFICATE"), name)
-            self.assertTrue(text.endswith(inter), name)
-
-    def test_keys_match_certificates_and_eca_host_key_needs_passphrase(self):
-        passin = "file:" + self.p("eca/passphrase")
-        for leaf in LEAVES + ["qxca/ca", "eca/root", "eca/intermediate"]:
-            with self.subTest(leaf=leaf):
-                extra = ["-passin", passin] if leaf == "eca/host" else []
-                key = openssl("pkey", "-in", self.p(leaf + ".key"), "-pubout", *extra)
-                cert = openssl("x509", "-in", self.p(leaf + ".pem"), "-noout", "-pubkey")
-                self.assertEqual(0, key.returncode, key.stderr)
-                self.assertEqual(cert.stdout, key.stdout)
-        self.assertTrue(open(self.p("eca/passphrase")).read().endswith("\n"))
-        self.assertIn("ENCRYPTED", open(self.p("eca/host.key")).read())
-        wrong = openssl("pkey", "-in", self.p("eca/host.key"), "-passin", "pass:wrong", "-noout")
-        self.assertNotEqual(0, wrong.returncode)
-        r = openssl("pkey", "-in", self.p("eca/host.key"), "-passin", passin, "-noout", "-text")
-        self.assertIn("2048 bit", r.stdout)
-
     def test_certmap_paths_resolve_from_a_root(self):
         root = tempfile.mkdtemp(dir=self.tmp)
         os.makedirs(os.path.join(root, "var"))
@@ -161,17 +117,6 @@ class PkiTest(unittest.TestCase):
             self.assertEqual(0, proc.returncode, err)
         self.assertTrue(os.path.isfile(os.path.join(race, "complete")))
         self.assertEqual([], [n for n in os.listdir(self.tmp) if n.startswith("race.")])
-
-    def test_foreign_directory_is_left_alone(self):
-        foreign = os.path.join(self.tmp, "foreign")
-        os.makedirs(foreign)
-        open(os.path.join(foreign, "mine"), "w").close()
-        r = gen(foreign)
-        self.assertNotEqual(0, r.returncode)
-        self.assertIn("not a generated PKI", r.stderr)
-        self.assertEqual(["mine"], os.listdir(foreign))
-        self.assertNotEqual(0, subprocess.run([sys.executable, GEN]).returncode)
-
 
 if __name__ == "__main__":
     unittest.main()
