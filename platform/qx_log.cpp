@@ -186,8 +186,10 @@ void qxLogReconfigure() {
 }
 
 QXLogStream::QXLogStream(int level, const char* tag, int category)
-    : m_level(level), m_category(category), m_tag(tag), m_on(qxLogWanted(level)) {}
+    : m_level(level), m_category(category), m_tag(tag) {
+  if (qxLogWanted(level)) m_os.emplace();
+}
 
 QXLogStream::~QXLogStream() {
-  if (m_on) logmsg(m_level, m_category, m_tag, m_os.str().c_str());
+  if (m_os) logmsg(m_level, m_category, m_tag, m_os->str().c_str());
 }

@@ -2,6 +2,7 @@
 #define QX_LOG_H
 #include <cstdarg>
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -35,7 +36,7 @@ class QXLogStream {
   QXLogStream& operator=(const QXLogStream&) = delete;
   template <class T>
   QXLogStream& operator<<(const T& v) {
-    if (m_on) m_os << v;
+    if (m_os) *m_os << v;
     return *this;
   }
 
@@ -43,8 +44,9 @@ class QXLogStream {
   int m_level;
   int m_category;
   const char* m_tag;
-  bool m_on;
-  std::ostringstream m_os;
+  // Built only when the level is wanted: a quiet statement then costs no
+  // stream construction at all.
+  std::optional<std::ostringstream> m_os;
 };
 #define QXLOG(level, tag) QXLogStream((level), (tag))
 

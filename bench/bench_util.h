@@ -1,0 +1,25 @@
+#ifndef QX_BENCH_UTIL_H
+#define QX_BENCH_UTIL_H
+// Heap accounting for the benchmarks: every malloc-family call of the process
+// (libcurl, OpenSSL and operator new included) is counted by an interposer
+// linked into the benchmark executable.
+#include <cstdint>
+#include <string>
+
+struct QXAllocCounters {
+  uint64_t calls = 0;  // malloc, calloc, realloc and aligned allocations
+  uint64_t bytes = 0;  // bytes requested by those calls
+};
+
+// Totals since the process started.
+QXAllocCounters qxBenchAllocNow();
+
+// False when the interposer is not in effect (for instance under a sanitizer
+// that owns malloc), so that callers do not print zeros as if measured.
+bool qxBenchAllocActive();
+
+// Sets a file's modification time a minute back. The configuration reader
+// re-reads a file written in the last two seconds on every call; an installed
+// configuration is older than that, and so must the benchmarks' be.
+bool qxBenchAgeFile(const std::string& path);
+#endif
