@@ -118,6 +118,7 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
     QXLOG(QXLOG_ERROR, tag) << "Curl initialization failed ...";
     throw 103;
   }
+  bool createdTokenManager = false;
   try {
     applyHandleDefaults();
 
@@ -129,6 +130,7 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
       m_keyPath = installPath + PRIV_KEY_SUFFIX;
     }
     m_CACertPath = m_trustStorePath;
+    applyTimeoutDefaults();
 
     m_httpCode = 0;
     m_peerVerificationFlag = true;
@@ -155,16 +157,18 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
           new LoginWithCertManager(port, certType, qxRootPath("/usr/tarvo/tmp"), tokenFile.str(),
                                    lockFile.str(), skipTrustProcessing);
       m_ownsTokenManager = true;
+      createdTokenManager = true;
     }
 
-    int rc = applySessionTLSParams();
+    if (applySessionTLSParams() != 0) {
+      QXLOG(QXLOG_DETAIL, tag) << "FAILED to set cURL params for https.";
+    }
     if (sessionType == QXCURL_GET_NEW_TOKEN) {
       m_tokenManager->setupCurlOption(this);
       QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_GET_NEW_TOKEN session type";
     } else if (sessionType == QXCURL_USE_TPCA_CERT) {
       QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_USE_TPCA_CERT session type";
     }
-    if (rc != 0) QXLOG(QXLOG_DETAIL, tag) << "FAILED to set cURL params for https.";
 
     m_connectionsDisabled = qxcurl_bpconf_keyvalue_state("DISABLE_QXCURL_CONNECTIONS", false);
     m_preferredNetworksDisabled =
@@ -181,8 +185,9 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
     }
     m_triedTunnels.clear();
   } catch (...) {
-    // The destructor does not run for a half-built object.
-    if (m_ownsTokenManager) delete m_tokenManager;
+    // The destructor does not run for a half-built object. A supplied
+    // manager stays with the caller, who still holds it.
+    if (createdTokenManager) delete m_tokenManager;
     delete m_tunnelRouter;
     delete m_connector;
     curl_slist_free_all(m_headerList);
@@ -223,23 +228,27 @@ int QXClientCURL::applySessionTLSParams() {
   return 20;
 }
 
-// Options every fresh (or reset) handle carries.
+// Options every fresh (or reset) handle carries; a failure is a warning and
+// construction goes on.
 void QXClientCURL::applyHandleDefaults() {
-  setCurlOptionLogged(CURLOPT_ERRORBUFFER, static_cast<void*>(m_errorBuffer),
-                      "CURLOPT_ERRORBUFFER");
-  setCurlOptionLogged(CURLOPT_HEADER, 0L, "CURLOPT_HEADER");
-  setCurlOptionLogged(CURLOPT_FOLLOWLOCATION, 1L, "CURLOPT_FOLLOWLOCATION");
+  setCurlOptionLogged(CURLOPT_ERRORBUFFER, static_cast<void*>(m_errorBuffer), "CURLOPT_ERRORBUFFER",
+                      QXLOG_DETAIL);
+  setCurlOptionLogged(CURLOPT_HEADER, 0L, "CURLOPT_HEADER", QXLOG_DETAIL);
+  setCurlOptionLogged(CURLOPT_FOLLOWLOCATION, 1L, "CURLOPT_FOLLOWLOCATION", QXLOG_DETAIL);
   setCurlCallbackForHeaderAndData();
   applyDefaultHeaders();
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL")
       << "Disabling any proxy option set in the environment.";
-  setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY");
-  setCurlOptionLogged(CURLOPT_CERTINFO, 1L, "CURLOPT_CERTINFO");
+  setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY", QXLOG_DETAIL);
+  setCurlOptionLogged(CURLOPT_CERTINFO, 1L, "CURLOPT_CERTINFO", QXLOG_DETAIL);
+}
+
+void QXClientCURL::applyTimeoutDefaults() {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL")
       << "Setting default CURL timeout = [" << DEFAULT_OPERATION_TIMEOUT << "] seconds";
-  setCurlOptionLogged(CURLOPT_TIMEOUT, DEFAULT_OPERATION_TIMEOUT, "CURLOPT_TIMEOUT");
+  setCurlOptionLogged(CURLOPT_TIMEOUT, DEFAULT_OPERATION_TIMEOUT, "CURLOPT_TIMEOUT", QXLOG_DETAIL);
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL") << "Disable signal during name resolution.";
-  setCurlOptionLogged(CURLOPT_NOSIGNAL, 1L, "CURLOPT_NOSIGNAL");
+  setCurlOptionLogged(CURLOPT_NOSIGNAL, 1L, "CURLOPT_NOSIGNAL", QXLOG_DETAIL);
 }
 
 void QXClientCURL::applyDefaultHeaders() {
@@ -257,29 +266,30 @@ void QXClientCURL::applyDefaultHeaders() {
   }
 }
 
-int QXClientCURL::setCurlOptionLogged(CURLoption option, long value, const char* name) {
+int QXClientCURL::setCurlOptionLogged(CURLoption option, long value, const char* name, int level) {
   CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
   if (rc == CURLE_OK) return 0;
   m_curlError = rc;
-  QXLOG(QXLOG_OPTION, "QXClientCURL::setCurlOption")
+  QXLOG(level, "QXClientCURL::setCurlOption")
       << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
   return mapCurlError();
 }
 
-int QXClientCURL::setCurlOptionLogged(CURLoption option, const char* value, const char* name) {
+int QXClientCURL::setCurlOptionLogged(CURLoption option, const char* value, const char* name,
+                                      int level) {
   CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
   if (rc == CURLE_OK) return 0;
   m_curlError = rc;
-  QXLOG(QXLOG_OPTION, "QXClientCURL::setCurlOption")
+  QXLOG(level, "QXClientCURL::setCurlOption")
       << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
   return mapCurlError();
 }
 
-int QXClientCURL::setCurlOptionLogged(CURLoption option, void* value, const char* name) {
+int QXClientCURL::setCurlOptionLogged(CURLoption option, void* value, const char* name, int level) {
   CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
   if (rc == CURLE_OK) return 0;
   m_curlError = rc;
-  QXLOG(QXLOG_OPTION, "QXClientCURL::setCurlOption")
+  QXLOG(level, "QXClientCURL::setCurlOption")
       << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
   return mapCurlError();
 }
@@ -348,13 +358,10 @@ bool QXClientCURL::qxcurl_bpconf_keyvalue_state(const char* key, bool dflt) {
     QXLOG(QXLOG_ERROR, tag) << "Master config read failed with error: " << rc;
     return dflt;
   }
-  bool value = false;
-  if (bpconfGetKeyValPairAsBool(get_master_config_ptr(), key, &value) == 0 && value) {
-    QXLOG(QXLOG_PROGRESS, tag) << key << " is set";
-    return true;
-  }
-  QXLOG(QXLOG_PROGRESS, tag) << key << " is not set";
-  return false;
+  bool value = dflt;
+  if (bpconfGetKeyValPairAsBool(get_master_config_ptr(), key, &value) != 0) value = dflt;
+  QXLOG(QXLOG_PROGRESS, tag) << key << (value ? " is set" : " is not set");
+  return value;
 }
 
 // ---- simple setters ----
@@ -476,13 +483,13 @@ size_t QXClientCURL::write_header(char* ptr, size_t size, size_t nmemb, void* us
 
 int QXClientCURL::setCurlCallbackForHeaderAndData() {
   int rc = setCurlOptionLogged(CURLOPT_WRITEFUNCTION, reinterpret_cast<void*>(&write_data),
-                               "CURLOPT_WRITEFUNCTION");
+                               "CURLOPT_WRITEFUNCTION", QXLOG_DETAIL);
   int rc2 = setCurlOptionLogged(CURLOPT_WRITEDATA, static_cast<void*>(&m_responseBody),
-                                "CURLOPT_WRITEDATA");
+                                "CURLOPT_WRITEDATA", QXLOG_DETAIL);
   int rc3 = setCurlOptionLogged(CURLOPT_HEADERFUNCTION, reinterpret_cast<void*>(&write_header),
-                                "CURLOPT_HEADERFUNCTION");
+                                "CURLOPT_HEADERFUNCTION", QXLOG_DETAIL);
   int rc4 = setCurlOptionLogged(CURLOPT_HEADERDATA, static_cast<void*>(&m_responseHeaders),
-                                "CURLOPT_HEADERDATA");
+                                "CURLOPT_HEADERDATA", QXLOG_DETAIL);
   return rc ? rc : rc2 ? rc2 : rc3 ? rc3 : rc4;
 }
 
@@ -506,6 +513,7 @@ int QXClientCURL::resetCurl() {
   curl_slist* headers = m_headerList;
   m_headerList = nullptr;
   applyHandleDefaults();
+  applyTimeoutDefaults();
   curl_slist_free_all(m_headerList);
   m_headerList = headers;
   if (qxcurl_bpconf_keyvalue_state("ENABLE_QXCURL_VERBOSE", false)) setCurlVerbose();

@@ -2,6 +2,7 @@
 #include <strings.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 
 #include "qx_log.h"
@@ -113,7 +114,9 @@ int QXClientCURL::setClientRequestHeaderAsPerServerVersion() {
   std::string version;
   int rc = probe->getServerAPIVersion(version);
   delete probe;
-  if (rc == 227) {
+  // 227 and 7610 come from the header lookup: the server answered, without a
+  // usable version.
+  if (rc == 227 || rc == 7610) {
     QXLOG(QXLOG_PROGRESS, tag)
         << "Unable to find version header. Setting request header with default media type: "
         << QX_DEFAULT_MEDIA_TYPE;
@@ -132,6 +135,13 @@ int QXClientCURL::setClientRequestHeaderAsPerServerVersion() {
 }
 
 int QXClientCURL::setJsonMediaTypeAPIVersion(const std::string& version) {
+  // The version may come from a response header: never let it end the
+  // request header line.
+  if (version.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) {
+    QXLOG(QXLOG_ERROR, "QXClientCURL::setJsonMediaTypeAPIVersion")
+        << "API version holds a line break; ignored";
+    return 20;
+  }
   std::string mediaType = QX_MEDIA_TYPE_JSON + ";version=" + version;
   int rc = addHeaderField("Accept: ", mediaType);
   if (rc == 0) rc = addHeaderField("Content-Type: ", mediaType);
@@ -145,5 +155,9 @@ int QXClientCURL::getCacheTTLFromAPIHeader() {
   if (m_mockTTL) return m_mockTTLValue;
   std::string value;
   if (getHttpHeaderField("X-Cache-Validity", value) != 0) return 0;
-  return static_cast<int>(std::strtol(value.c_str(), nullptr, 10));
+  long ttl = std::strtol(value.c_str(), nullptr, 10);
+  // Out-of-range values saturate rather than wrap into another meaning (-1).
+  if (ttl > INT_MAX) return INT_MAX;
+  if (ttl < INT_MIN) return INT_MIN;
+  return static_cast<int>(ttl);
 }

@@ -334,8 +334,8 @@ void QXClientCURL::generateRandomSleep(int count, int interval) {
   }
 }
 
-// One step of the retry window: false when it is closed (retries stopped).
-int QXClientCURL::retryUnderWindow(int /*status*/) {
+// One step of the retry window: 0 when it is closed (retries stopped).
+int QXClientCURL::retryUnderWindow() {
   const char* tag = "QXClientCURL::performOperation";
   if (!m_retrying) {
     startConnectionRetries();
@@ -455,7 +455,7 @@ int QXClientCURL::performOperation() {
       if (status == 0) return 0;
       if (decideNextConnectRetryAction(status, false) != RETRY_DIRECT) return status;
       QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Retrying the connection.";
-      if (!retryUnderWindow(status)) return status;
+      if (!retryUnderWindow()) return status;
     }
   }
 
@@ -466,7 +466,9 @@ int QXClientCURL::performOperation() {
     m_connectionTimeout = m_tunnelRouter->getWebServerConnectTimeout();
     if (m_connectionTimeout == 0) m_connectionTimeout = DEFAULT_RETRY_WINDOW;
   }
-  int status = 0;
+  // Reported when the router offers nothing at all: no attempt reached the
+  // server.
+  int status = 8500;
   bool done = false;
   while (!done) {
     QXLOG(QXLOG_PROGRESS, tag) << "Querying client router for a list of tunnels.";
@@ -510,8 +512,10 @@ int QXClientCURL::performOperation() {
         } else if (action == STOP) {
           done = true;
         } else {
-          QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Retrying the connection.";
-          if (!retryUnderWindow(status)) done = true;
+          if (action == RETRY_DIRECT) {
+            QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Retrying the connection.";
+          }
+          if (!retryUnderWindow()) done = true;
         }
       }
       if (done) break;
@@ -539,6 +543,8 @@ int QXClientCURL::performCurlOperation() {
                                 << "return code :" << STATUS_TOKEN;
         return STATUS_TOKEN;
       }
+      // Not even an earlier operation's token goes out.
+      deleteHeaderField("Authorization:");
     } else {
       QXLOG(QXLOG_PROGRESS, tag) << "Obtained login token";
       deleteHeaderField("Authorization:");
@@ -556,9 +562,7 @@ int QXClientCURL::performCurlOperation() {
     const time_t start = T_time();
     if (!m_preferredNetworksDisabled) connectToPBXExchange();
     CURLcode rc = T_curl_easy_perform(m_curlHandle);
-    bool tlsRetried = false;
     while (rc == CURLE_SSL_CONNECT_ERROR && (T_time() - start) < m_connectionTimeout) {
-      tlsRetried = true;
       QXLOG(QXLOG_PROGRESS, tag) << "CONNECTION RETRY after CURLE_SSL_CONNECT_ERROR";
       QXLOG(QXLOG_PROGRESS, tag) << "CONNECTION RETRY m_connectionTimeout: " << m_connectionTimeout;
       T_sleep(1);
@@ -569,7 +573,7 @@ int QXClientCURL::performCurlOperation() {
       m_responseBody.clear();
       rc = T_curl_easy_perform(m_curlHandle);
     }
-    if (tlsRetried && rc == CURLE_SSL_CONNECT_ERROR) {
+    if (rc == CURLE_SSL_CONNECT_ERROR) {
       QXLOG(QXLOG_PROGRESS, tag) << "CONNECTION RETRY timeout: " << m_connectionTimeout
                                  << " seconds reached with current time: " << T_time()
                                  << " connectionStartTime: " << start;
@@ -672,21 +676,23 @@ int QXClientCURL::enableTunnelOptions(std::string tunnel) {
   std::string proxy = tunnel + ":" + TUNNEL_PORT;
   m_tunnelName = tunnel;
   QXLOG(QXLOG_PROGRESS, tag) << "Setting proxy = [" << proxy << "] to be used as HTTP tunnel";
-  int rc = setCurlOptionLogged(CURLOPT_PROXY, proxy.c_str(), "CURLOPT_PROXY");
-  if (rc != 0) return rc;
+  int rc = setCurlOptionLogged(CURLOPT_PROXY, proxy.c_str(), "CURLOPT_PROXY", QXLOG_DETAIL);
   QXLOG(QXLOG_PROGRESS, tag)
       << "Setting --proxytunnel to 1 to use the specified proxy as HTTP tunnel";
-  return setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 1L, "CURLOPT_HTTPPROXYTUNNEL");
+  int rc2 =
+      setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 1L, "CURLOPT_HTTPPROXYTUNNEL", QXLOG_DETAIL);
+  return rc != 0 ? rc : rc2;
 }
 
 int QXClientCURL::disableTunnelOptions() {
   const char* tag = "disableTunnelOptions";
   m_tunnelName = m_server;
   QXLOG(QXLOG_PROGRESS, tag) << "Disabling any --proxy option previously set.";
-  int rc = setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY");
-  if (rc != 0) return rc;
+  int rc = setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY", QXLOG_DETAIL);
   QXLOG(QXLOG_PROGRESS, tag) << "Disabling any --proxytunnel option previously set.";
-  return setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 0L, "CURLOPT_HTTPPROXYTUNNEL");
+  int rc2 =
+      setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 0L, "CURLOPT_HTTPPROXYTUNNEL", QXLOG_DETAIL);
+  return rc != 0 ? rc : rc2;
 }
 
 int QXClientCURL::setorResetTunnelOptions(std::string tunnel) {

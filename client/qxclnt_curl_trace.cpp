@@ -38,16 +38,38 @@ constexpr size_t kDumpWidth = 64;
 
 bool isNameChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-'; }
 
-std::string maskHeaderLine(const std::string& line) {
+// "GET /a HTTP/1.1", "CONNECT host:1556 HTTP/1.1": a method in capitals, a
+// blank, and an HTTP version at the end.
+bool isRequestLine(const std::string& line) {
   size_t n = 0;
-  while (n < line.size() && isNameChar(line[n])) ++n;
-  if (n >= line.size() || line[n] != ':') return line;  // status line, blank line
-  if (!MaskedHttpHeadersSingleton::instance()->isMasked(line.substr(0, n))) return line;
-  std::string masked = line.substr(0, n + 1) + " ***";
-  // Keep the line end so that the dump still breaks lines where the wire did.
+  while (n < line.size() && line[n] >= 'A' && line[n] <= 'Z') ++n;
+  if (n == 0 || n >= line.size() || line[n] != ' ') return false;
+  size_t end = line.find_last_not_of("\r\n");
+  size_t last = line.rfind(' ', end);
+  return end != std::string::npos && last != std::string::npos &&
+         line.compare(last + 1, 5, "HTTP/") == 0;
+}
+
+std::string lineEnd(const std::string& line) {
   size_t end = line.find_first_of("\r\n");
-  if (end != std::string::npos) masked += line.substr(end);
-  return masked;
+  return end == std::string::npos ? std::string() : line.substr(end);
+}
+
+std::string maskHeaderLine(const std::string& line) {
+  // A folded continuation belongs to the header above it: never shown.
+  if (!line.empty() && (line[0] == ' ' || line[0] == '\t')) return " ***" + lineEnd(line);
+  size_t colon = line.find(':');
+  if (colon == std::string::npos) return line;  // status line, blank line
+  size_t start = colon;
+  while (start > 0 && isNameChar(line[start - 1])) --start;
+  if (start > 0) {
+    // Anything else odd before the colon counts as a header that is not allowed.
+    if (isRequestLine(line)) return line;
+  } else if (!MaskedHttpHeadersSingleton::instance()->isMasked(line.substr(0, colon))) {
+    return line;
+  }
+  // Keep the line end so that the dump still breaks lines where the wire did.
+  return line.substr(0, colon + 1) + " ***" + lineEnd(line);
 }
 }  // namespace
 

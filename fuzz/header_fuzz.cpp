@@ -1,10 +1,12 @@
 // Response header text and wrapped JSON bodies come from the network: the
-// header field reader and the JSON unwrapping must take anything.
+// header field reader, the JSON unwrapping and the masked wire trace must take
+// anything.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
+#include "client/qxclnt_curl_trace.h"
 #include "qxclnt_curl.h"
 
 namespace {
@@ -44,6 +46,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     c->m_responseBody = wrapped;
     // Wrapping is reversible for UTF-8 text; anything else may be refused.
     if (c->makeStringResponseFromJson() == 0 && c->m_responseBody != text) std::abort();
+  }
+
+  const std::string masked = (data[0] & 1) ? qxMaskTraceHeaders(text.data(), text.size())
+                                           : qxMaskTracePasswords(text.data(), text.size());
+  const std::string dump = qxFormatTraceDump("=> Send header", masked);
+  // Every dump line after the heading is an offset and at most 64 characters.
+  for (size_t from = dump.find('\n'); from != std::string::npos;) {
+    size_t next = dump.find('\n', from + 1);
+    size_t len = (next == std::string::npos ? dump.size() : next) - from - 1;
+    if (len > 6 + 64) std::abort();
+    from = next;
   }
   return 0;
 }

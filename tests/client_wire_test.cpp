@@ -160,6 +160,14 @@ TEST_F(ClientWireTest, TransportFailuresMapToStatuses) {
     EXPECT_EQ(0, c->m_httpCode);
   }
   {
+    // Through the tunnel road, whose only candidate is the direct one: the
+    // refusal ends the operation once the router has nothing more.
+    ASSERT_TRUE(root().writeConfig("WEB_SERVER_TUNNEL_USE = 0\n"));
+    auto c = client(QXCURL_INSECURE, nullptr, "", freePort());
+    EXPECT_EQ(8500, c->Get("arvion/ping"));
+    ASSERT_TRUE(root().writeConfig(""));
+  }
+  {
     auto c = client(QXCURL_INSECURE, nullptr, "", 0, "nohost.invalid");
     EXPECT_EQ(47, c->Get("arvion/ping"));
   }

@@ -7,6 +7,7 @@
 #include "qx_wnet.h"
 
 namespace {
+constexpr int LOOKUP_EXHAUSTED = 7;
 const char* const ADDITIONAL_SERVERS_MSG =
     "Additional servers specified by caller. Hence treating this as a special case and skipping "
     "reading QXU configuration.";
@@ -93,8 +94,14 @@ int QXWebsvcTunnelRouter::getWebServerConnectTimeout() {
   return seconds;
 }
 
-// Direct connection only until the tunnel lookup sources are in place.
+// Direct connection only until the tunnel lookup sources are in place: one
+// batch holding the direct entry, then the exhausted state, so that a caller
+// asking for the next batch stops instead of trying the same one forever.
 std::list<std::string> QXWebsvcTunnelRouter::getWebsvcTunnelServers(std::string& /*master*/) {
+  if (m_lookupState == LOOKUP_EXHAUSTED) return std::list<std::string>();
+  m_lookupState = LOOKUP_EXHAUSTED;
+  QXLOG(QXLOG_PROGRESS, "QXWebsvcTunnelRouter::getWebsvcTunnelServers")
+      << "Returning [0] tunnel servers. Will try to directly connect to the Web service.";
   return std::list<std::string>(1, std::string());
 }
 

@@ -102,7 +102,8 @@ class QX_API QXClientCURL_BaseFactory {
 class QX_API QXClientCURL : public QXClientCURL_Base {
  public:
   // Throws an int status: 20 for a bad argument, 103 when libcurl cannot be
-  // initialised.
+  // initialised. A supplied token manager becomes the client's (when
+  // ownsTokenManager) only once construction succeeds.
   QXClientCURL(const std::string& server, int port, cert_type certType,
                QXCurlSessionType sessionType, TokenManager_Base* tokenManager = nullptr,
                const std::string& installPath = "", bool tunnelAllowed = true,
@@ -325,14 +326,17 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
 
  protected:
   void applyHandleDefaults();
+  void applyTimeoutDefaults();
   int applySessionTLSParams();
   void applyDefaultHeaders();
   int setUrlForPath(const std::string& path, const char* failText);
   int setBodyOptions(const char* method, const std::string& payload);
-  int retryUnderWindow(int status);
-  int setCurlOptionLogged(CURLoption option, long value, const char* name);
-  int setCurlOptionLogged(CURLoption option, const char* value, const char* name);
-  int setCurlOptionLogged(CURLoption option, void* value, const char* name);
+  int retryUnderWindow();
+  // A failure is logged at level (8 unless the caller says otherwise), mapped
+  // and returned.
+  int setCurlOptionLogged(CURLoption option, long value, const char* name, int level = 8);
+  int setCurlOptionLogged(CURLoption option, const char* value, const char* name, int level = 8);
+  int setCurlOptionLogged(CURLoption option, void* value, const char* name, int level = 8);
 };
 
 class QX_API QXClientCURLFactory : public QXClientCURL_BaseFactory {
