@@ -101,7 +101,10 @@ int fillCAData(json_t* obj, certMapCAData& out) {
   for (size_t i = 0; i < 5; ++i) {
     json_t* v = json_object_get(obj, names[i]);
     if (v != nullptr && !json_is_string(v)) return 7617;
-    copyField(fields[i], QX_CERTMAP_PATH_LEN, resolvePath(stringMember(obj, names[i])));
+    std::string path = resolvePath(stringMember(obj, names[i]));
+    // A cut path could name another file: refuse it instead.
+    if (path.size() >= QX_CERTMAP_PATH_LEN) return 7617;
+    copyField(fields[i], QX_CERTMAP_PATH_LEN, path);
   }
   return 0;
 }

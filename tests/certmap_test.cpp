@@ -33,6 +33,8 @@ class CertMapTest : public ::testing::Test {
 };
 
 TEST_F(CertMapTest, LookupStatuses) {
+  const std::string tooLong = R"({"servers": {"m": {"ECA": {"trustStore": "/)" +
+                              std::string(QX_CERTMAP_PATH_LEN, 'a') + R"("}}}})";
   struct Case {
     const char* name;
     const char* map;  // null: no file
@@ -52,6 +54,7 @@ TEST_F(CertMapTest, LookupStatuses) {
       {"caMode out of range", R"({"servers": {"m": {"caMode": 7}}})", "m", 7617, ""},
       {"caSupported not a list", R"({"servers": {"m": {"caSupported": "QXCA"}}})", "m", 7617, ""},
       {"path not a string", R"({"servers": {"m": {"QXCA": {"certificate": 5}}}})", "m", 7617, ""},
+      {"path too long to keep whole", tooLong.c_str(), "m", 7617, ""},
       {"empty server name", kMap, "", 20, ""},
   };
   for (const auto& tc : cases) {

@@ -51,12 +51,12 @@ class CrlServer {
       char buf[4096];
       ssize_t got = recv(c, buf, sizeof buf, 0);
       (void)got;
+      ++m_hits;  // before the reply: the client may be done as soon as it has it
       std::string reply = "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(m_body.size()) +
                           "\r\n\r\n" + m_body;
       ssize_t sent = send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
       (void)sent;
       close(c);
-      ++m_hits;
     }
   }
   std::string m_body;
@@ -119,14 +119,17 @@ class CrlTest : public ::testing::Test {
     return p;
   }
 
-  // A fresh leaf of the ECA intermediate whose CRL distribution point is url.
+  // A fresh leaf of the ECA intermediate whose CRL distribution point is url,
+  // followed by the intermediate.
   std::string leafWithDistributionPoint(const std::string& url) {
-    FILE* f = fopen(m_root.pki("eca/intermediate.key").c_str(), "r");
-    EVP_PKEY* caKey = f ? PEM_read_PrivateKey(f, nullptr, nullptr, const_cast<char*>("")) : nullptr;
-    if (f) fclose(f);
-    f = fopen(m_root.pki("eca/intermediate.pem").c_str(), "r");
-    X509* ca = f ? PEM_read_X509(f, nullptr, nullptr, nullptr) : nullptr;
-    if (f) fclose(f);
+    const std::string keyPem = qxReadFile(m_root.pki("eca/intermediate.key"));
+    const std::string caPem = qxReadFile(m_root.pki("eca/intermediate.pem"));
+    BIO* in = BIO_new_mem_buf(keyPem.data(), static_cast<int>(keyPem.size()));
+    EVP_PKEY* caKey = PEM_read_bio_PrivateKey(in, nullptr, nullptr, const_cast<char*>(""));
+    BIO_free(in);
+    in = BIO_new_mem_buf(caPem.data(), static_cast<int>(caPem.size()));
+    X509* ca = PEM_read_bio_X509(in, nullptr, nullptr, nullptr);
+    BIO_free(in);
     EVP_PKEY* key = EVP_EC_gen("P-256");
     X509* x = X509_new();
     std::string pem;
@@ -141,19 +144,18 @@ class CrlTest : public ::testing::Test {
       X509_set_issuer_name(x, X509_get_subject_name(ca));
       X509V3_CTX ctx;
       X509V3_set_ctx(&ctx, ca, x, nullptr, nullptr, 0);
-      std::string value = "URI:" + url;
       X509_EXTENSION* ext =
-          X509V3_EXT_conf_nid(nullptr, &ctx, NID_crl_distribution_points, value.c_str());
+          X509V3_EXT_conf_nid(nullptr, &ctx, NID_crl_distribution_points, ("URI:" + url).c_str());
       X509_add_ext(x, ext, -1);
       X509_EXTENSION_free(ext);
       X509_sign(x, caKey, EVP_sha256());
       BIO* o = BIO_new(BIO_s_mem());
       PEM_write_bio_X509(o, x);
-      PEM_write_bio_X509(o, ca);
       char* p;
       long n = BIO_get_mem_data(o, &p);
       pem.assign(p, static_cast<size_t>(n));
       BIO_free(o);
+      pem += caPem;
     }
     X509_free(x);
     EVP_PKEY_free(key);
@@ -215,33 +217,36 @@ TEST_F(CrlTest, CrlsAreFoundUnderTheRootAndInTheMap) {
   EXPECT_TRUE(check(revoked, 1).revoked);
 }
 
-TEST_F(CrlTest, MissingCrlIsDownloadedAndKept) {
-  const std::string interCrl = crlOf(qxReadFile(m_root.pki("eca/crl.pem")), "Intermediate");
+TEST_F(CrlTest, DownloadFromTheDistributionPoint) {
+  const std::string crls = qxReadFile(m_root.pki("eca/crl.pem"));
+  const std::string interCrl = crlOf(crls, "Intermediate");
   ASSERT_FALSE(interCrl.empty());
-  CrlServer server(interCrl);
-  const std::string chain = leafWithDistributionPoint(server.url());
-  ASSERT_FALSE(chain.empty());
-
-  EXPECT_EQ(5982, check(chain, 1, "", false, false).rc);  // download not allowed
-  EXPECT_EQ(0, server.hits());
-  Result r = check(chain, 1, "", false, true);
-  EXPECT_EQ(0, r.rc);
-  EXPECT_FALSE(r.revoked);
-  EXPECT_EQ(1, server.hits());
-  // Kept under the root: the next check needs no download.
-  EXPECT_EQ(0, check(chain, 1, "", false, false).rc);
-  EXPECT_EQ(1, server.hits());
-}
-
-TEST_F(CrlTest, UnusableDownloads) {
-  CrlServer garbage("this is not a CRL");
-  EXPECT_EQ(5982, check(leafWithDistributionPoint(garbage.url()), 1, "", false, true).rc);
-  EXPECT_EQ(1, garbage.hits());
-
-  // A CRL of another issuer does not count for the leaf.
-  CrlServer other(crlOf(qxReadFile(m_root.pki("eca/crl.pem")), "Root"));
-  EXPECT_EQ(5982, check(leafWithDistributionPoint(other.url()), 1, "", false, true).rc);
-
+  struct Case {
+    const char* name;
+    std::string body;
+    bool mayDownload;
+    int wantRc;
+    int wantHits;
+  } cases[] = {
+      {"download not allowed", interCrl, false, 5982, 0},
+      {"not a CRL", "this is not a CRL", true, 5982, 1},
+      {"another issuer's CRL", crlOf(crls, "Root"), true, 5982, 1},
+      {"the issuer's CRL", interCrl, true, 0, 1},  // last: it is kept under the root
+  };
+  for (const auto& tc : cases) {
+    SCOPED_TRACE(tc.name);
+    CrlServer server(tc.body);
+    const std::string chain = leafWithDistributionPoint(server.url());
+    ASSERT_FALSE(chain.empty());
+    Result r = check(chain, 1, "", false, tc.mayDownload);
+    EXPECT_EQ(tc.wantRc, r.rc);
+    EXPECT_FALSE(r.revoked);
+    EXPECT_EQ(tc.wantHits, server.hits());
+    if (tc.wantRc == 0) {  // the next check needs no download
+      EXPECT_EQ(0, check(chain, 1, "", false, true).rc);
+      EXPECT_EQ(1, server.hits());
+    }
+  }
   std::string body;
   EXPECT_EQ(5982, qxCrlDownload("http://127.0.0.1:1/eca.crl", body, 2));
   EXPECT_EQ(5982, qxCrlDownload("file:///etc/passwd", body, 2));

@@ -64,11 +64,15 @@ TEST_F(TlsHandshakeTest, ServerNameMarkerFollowsTheCAInUse) {
     std::string caType;
     const char* sni;
     int usage;
+    const char* trust;  // trust store the client chose
   } cases[] = {
-      {"configured own CA", R"(["QXCA","ECA"])", QXCURL_USE_TOKEN, "", "QXCA", 0},
-      {"forced external CA", R"(["QXCA","ECA"])", QXCURL_USE_TOKEN, "ECA", "ECA", 2},
-      {"configured external CA", R"(["ECA"])", QXCURL_USE_TOKEN, "", "ECA", 2},
-      {"no CA usable", "[]", QXCURL_USE_TOKEN, "", "localhost", 3},
+      {"configured own CA", R"(["QXCA","ECA"])", QXCURL_USE_TOKEN, "", "QXCA", 0,
+       "var/webtruststore/cacert.pem"},
+      {"forced external CA", R"(["QXCA","ECA"])", QXCURL_USE_TOKEN, "ECA", "ECA", 2,
+       "var/pki/eca/cacert.pem"},
+      {"configured external CA", R"(["ECA"])", QXCURL_USE_TOKEN, "", "ECA", 2,
+       "var/pki/eca/cacert.pem"},
+      {"no CA usable", "[]", QXCURL_USE_TOKEN, "", "localhost", 3, "var/webtruststore/cacert.pem"},
   };
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
@@ -77,6 +81,8 @@ TEST_F(TlsHandshakeTest, ServerNameMarkerFollowsTheCAInUse) {
     });
     auto c = client(tc.type, tc.caType);
     EXPECT_EQ(tc.usage, c->m_caUsage);
+    EXPECT_EQ(root().path(tc.trust), c->m_CACertPath);
+    EXPECT_NE(std::string::npos, c->m_trustedCert.find("BEGIN CERTIFICATE"));
     EXPECT_EQ(0, fetch(*c)) << c->m_errorBuffer;
     QXRecordedRequest r = lastRequest();
     EXPECT_EQ(tc.sni, r.sni);
@@ -115,41 +121,10 @@ TEST_F(TlsHandshakeTest, MutualAuthPresentsTheHostCertificate) {
   }
 }
 
-TEST_F(TlsHandshakeTest, ExternalCARevocationCheck) {
-  struct Case {
-    const char* name;
-    const char* certMode;
-    std::string crl;  // ECA "crl" of the map
-    const char* level;
-    bool allowFailed;
-    bool disable;
-    int want;
-  } cases[] = {
-      {"good leaf", "normal", "var/pki/eca/crl.pem", "1", false, false, 0},
-      {"revoked leaf", "revoked", "var/pki/eca/crl.pem", "1", false, false, 9318},
-      {"whole chain checked", "normal", "var/pki/eca/crl.pem", "2", false, false, 0},
-      {"revoked, check disabled", "revoked", "var/pki/eca/crl.pem", "1", false, true, 0},
-      {"no CRL", "normal", "", "1", false, false, 5982},
-      {"no CRL, failure allowed", "normal", "", "1", true, false, 0},
-      {"expired CRL", "normal", "var/pki/eca/crl_expired.pem", "1", false, false, 9314},
-  };
-  for (const auto& tc : cases) {
-    SCOPED_TRACE(tc.name);
-    ASSERT_TRUE(root().writeConfig(std::string("CRL_CHECK_LEVEL = ") + tc.level + "\n"));
-    ASSERT_EQ(0, emulator().setConfig(std::string(R"({"certMode": ")") + tc.certMode + "\"}"));
-    setEcaMember("crl", tc.crl);
-    auto c = client(QXCURL_USE_TPCA_CERT);
-    c->setSkipCRLDownload();
-    if (tc.allowFailed) c->allowConnectionWithFailedCRLCheck();
-    if (tc.disable) c->DisableCrlCheck();
-    EXPECT_EQ(tc.want, fetch(*c)) << c->m_errorBuffer;
-  }
-}
-
 // Verdicts a cache already holds; counts its lookups.
 class FixedCache : public QXRevocationCache {
  public:
-  FixedCache(int rc, bool revoked) : m_rc(rc), m_revoked(revoked) {}
+  explicit FixedCache(int rc, bool revoked = false) : m_rc(rc), m_revoked(revoked) {}
   int lookup(const std::string& chainPem, bool& isRevoked) override {
     ++m_lookups;
     EXPECT_NE(std::string::npos, chainPem.find("BEGIN CERTIFICATE"));
@@ -161,26 +136,52 @@ class FixedCache : public QXRevocationCache {
   int m_lookups = 0;
 };
 
-TEST_F(TlsHandshakeTest, CachedRevocationVerdictWins) {
+TEST_F(TlsHandshakeTest, ExternalCARevocationCheck) {
+  enum { ALLOW_FAILED = 1, DISABLE = 2, LIBCURL_CHECKS_OFF = 4, DOWNLOAD = 8 };
+  const std::string crl = "var/pki/eca/crl.pem";
+  FixedCache notRevoked(0, false), revoked(0, true), unknown(1);
   struct Case {
     const char* name;
     const char* certMode;
-    FixedCache cache;
+    std::string crl;  // ECA "crl" of the map
+    const char* level;
+    int switches;
+    FixedCache* cache;
     int want;
   } cases[] = {
+      {"good leaf", "normal", crl, "1", 0, nullptr, 0},
+      {"revoked leaf", "revoked", crl, "1", 0, nullptr, 9318},
+      {"whole chain checked", "normal", crl, "2", 0, nullptr, 0},
+      {"revoked, check disabled", "revoked", crl, "1", DISABLE, nullptr, 0},
+      {"no CRL", "normal", "", "1", 0, nullptr, 5982},
+      {"no CRL, failure allowed", "normal", "", "1", ALLOW_FAILED, nullptr, 0},
+      // The leaf's distribution point does not answer: fails, and soon.
+      {"no CRL, download fails", "normal", "", "1", DOWNLOAD, nullptr, 5982},
+      {"expired CRL", "normal", "var/pki/eca/crl_expired.pem", "1", 0, nullptr, 9314},
+      // libcurl loads no CA then: the callback must not make that a failure.
+      {"revoked, libcurl checks off", "revoked", crl, "1", LIBCURL_CHECKS_OFF, nullptr, 0},
       // No CRL anywhere: only a cached verdict can accept the leaf.
-      {"cached not revoked", "normal", FixedCache(0, false), 0},
-      {"cached revoked", "normal", FixedCache(0, true), 9318},
-      {"unknown to the cache", "normal", FixedCache(1, false), 5982},
+      {"cached not revoked", "normal", "", "1", 0, &notRevoked, 0},
+      {"cached revoked", "normal", "", "1", 0, &revoked, 9318},
+      {"unknown to the cache", "normal", "", "1", 0, &unknown, 5982},
   };
-  setEcaMember("crl", "");
-  for (auto& tc : cases) {
+  for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
+    ASSERT_TRUE(root().writeConfig(std::string("CRL_CHECK_LEVEL = ") + tc.level + "\n"));
+    ASSERT_EQ(0, emulator().setConfig(std::string(R"({"certMode": ")") + tc.certMode + "\"}"));
+    setEcaMember("crl", tc.crl);
     auto c = client(QXCURL_USE_TPCA_CERT);
-    c->setSkipCRLDownload();
-    c->m_revocationCache = &tc.cache;
+    if ((tc.switches & DOWNLOAD) == 0) c->setSkipCRLDownload();
+    if (tc.switches & ALLOW_FAILED) c->allowConnectionWithFailedCRLCheck();
+    if (tc.switches & DISABLE) c->DisableCrlCheck();
+    if (tc.switches & LIBCURL_CHECKS_OFF) c->setSkipPeerHostVerification();
+    c->m_revocationCache = tc.cache;
+    auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(tc.want, fetch(*c)) << c->m_errorBuffer;
-    EXPECT_EQ(1, tc.cache.m_lookups);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
+    if (tc.cache != nullptr) {
+      EXPECT_EQ(1, tc.cache->m_lookups);
+    }
   }
 }
 
@@ -196,69 +197,47 @@ TEST_F(TlsHandshakeTest, EveryConnectionIsCheckedForRevocation) {
   EXPECT_EQ(5982, fetch(*c));
 }
 
-TEST_F(TlsHandshakeTest, UnreachableCrlDistributionPointFailsQuickly) {
-  setEcaMember("crl", "");
-  auto c = client(QXCURL_USE_TPCA_CERT);
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(5982, fetch(*c));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
-}
-
-TEST_F(TlsHandshakeTest, UnusableKeysGiveAStatusNotAPrompt) {
-  struct Case {
-    const char* name;
-    const char* config;
-    std::string passphrase;  // set before the artifacts are populated
-    std::string passphraseFile;
-    int want;
-  } cases[] = {
-      {"wrong passphrase, files", "FEATURE_1 = no\n", "wrong", "var/pki/eca/passphrase", 8511},
-      {"no passphrase, files", "FEATURE_1 = no\n", "", "", 8511},
-      {"wrong passphrase, in memory", "FEATURE_1 = yes\n", "wrong", "var/pki/eca/passphrase", 8503},
-      {"no passphrase, in memory", "FEATURE_1 = yes\n", "", "", 8503},
-  };
-  for (const auto& tc : cases) {
-    SCOPED_TRACE(tc.name);
-    ASSERT_TRUE(root().writeConfig(tc.config));
-    setEcaMember("passphraseFile", tc.passphraseFile);
-    auto c = client(QXCURL_USE_TOKEN, "ECA");
-    c->m_passphrase = tc.passphrase;
-    c->setCurlTLSParams(CA_LOAD_FORCE_ECA, true, false);
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(tc.want, fetch(*c)) << c->m_errorBuffer;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_EQ(0, c->m_sslCtxErrorCode);
-  }
-}
-
-TEST_F(TlsHandshakeTest, KeyThatIsNotFipsCapableIsRefusedInFipsMode) {
+TEST_F(TlsHandshakeTest, KeyLoadingOutcomes) {
   // An RSA key below 2048 bits, written next to the real artifacts.
   EVP_PKEY* weak = EVP_RSA_gen(1024);
   ASSERT_NE(nullptr, weak);
-  std::string weakPath = root().path("var/weak.key");
+  const std::string weakPath = root().path("var/weak.key");
   FILE* f = fopen(weakPath.c_str(), "w");
   ASSERT_NE(nullptr, f);
   PEM_write_PrivateKey(f, weak, nullptr, nullptr, 0, nullptr, nullptr);
   fclose(f);
   EVP_PKEY_free(weak);
 
+  const std::string passFile = "var/pki/eca/passphrase", hostKey = "var/pki/eca/host.key";
   struct Case {
     const char* name;
-    const char* fips;
-    bool weakKey;
+    const char* config;      // FEATURE_1: external CA material in memory
+    std::string key;         // ECA "privateKey" of the map
+    const char* passphrase;  // set before the artifacts are populated
+    std::string passFile;
     int want;
   } cases[] = {
-      {"weak key, FIPS", "yes", true, 8787},
-      {"strong key, FIPS", "yes", false, 0},
-      {"weak key, no FIPS", "no", true, 8503},  // loads, then does not match the certificate
+      // Never a prompt on the terminal: a status, at once.
+      {"wrong passphrase, files", "FEATURE_1 = no\n", hostKey, "wrong", passFile, 8511},
+      {"no passphrase, files", "FEATURE_1 = no\n", hostKey, "", "", 8511},
+      {"wrong passphrase, in memory", "FEATURE_1 = yes\n", hostKey, "wrong", passFile, 8503},
+      {"no passphrase, in memory", "FEATURE_1 = yes\n", hostKey, "", "", 8503},
+      {"weak key, FIPS", "FEATURE_1 = yes\nFIPS_MODE = yes\n", weakPath, "", passFile, 8787},
+      {"strong key, FIPS", "FEATURE_1 = yes\nFIPS_MODE = yes\n", hostKey, "", passFile, 0},
+      // Loads, then does not match the certificate.
+      {"weak key, no FIPS", "FEATURE_1 = yes\nFIPS_MODE = no\n", weakPath, "", passFile, 8503},
   };
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
-    ASSERT_TRUE(root().writeConfig(std::string("FEATURE_1 = yes\nFIPS_MODE = ") + tc.fips + "\n"));
-    if (tc.weakKey) setEcaMember("privateKey", weakPath);
-    if (!tc.weakKey) setEcaMember("privateKey", "var/pki/eca/host.key");
-    auto c = client(QXCURL_USE_TPCA_CERT);
+    ASSERT_TRUE(root().writeConfig(tc.config));
+    setEcaMember("privateKey", tc.key);
+    setEcaMember("passphraseFile", tc.passFile);
+    auto c = client(QXCURL_USE_TOKEN, "ECA");
+    c->m_passphrase = tc.passphrase;
+    c->setCurlTLSParams(CA_LOAD_FORCE_ECA, true, false);
+    auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(tc.want, fetch(*c)) << c->m_errorBuffer;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     EXPECT_EQ(tc.want == 8787 ? 8787 : 0, c->m_sslCtxErrorCode);
   }
 }

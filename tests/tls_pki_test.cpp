@@ -74,33 +74,8 @@ TEST_F(TlsPkiTest, CATypeDecision) {
                 cert.compare(cert.size() - want.size(), want.size(), want) == 0)
         << cert;
   }
-}
-
-TEST_F(TlsPkiTest, TrustStoreAndMarkerFollowTheUsage) {
-  struct Case {
-    const char* name;
-    std::string map;
-    std::string caType;
-    std::string wantTrust;
-    const char* wantSni;
-  } cases[] = {
-      {"own CA", kBothCAs, "", m_root.path("var/webtruststore/cacert.pem"), "QXCA"},
-      {"external CA", kBothCAs, "ECA", m_root.path("var/pki/eca/cacert.pem"), "ECA"},
-      {"no CA usable", mapWithSupported("[]"), "", m_root.path("var/webtruststore/cacert.pem"), ""},
-      {"map missing", "", "", m_root.path("var/webtruststore/cacert.pem"), "QXCA"},
-  };
-  for (const auto& tc : cases) {
-    SCOPED_TRACE(tc.name);
-    std::remove(m_root.path("var/certmap.json").c_str());
-    if (!tc.map.empty()) writeMap(tc.map);
-    auto c = client(tc.caType);
-    std::string trust;
-    c->getTrustStorePath(trust);
-    EXPECT_EQ(tc.wantTrust, trust);
-    EXPECT_EQ(tc.wantSni, c->m_sniName);
-    EXPECT_NE(std::string::npos, c->m_trustedCert.find("BEGIN CERTIFICATE"));
-  }
   EXPECT_EQ(m_root.path("var/global/webtruststore/cacert.pem"), getCAFilePath(CERT_TYPE_GLOBAL));
+  EXPECT_EQ(m_root.path("var/webtruststore/cacert.pem"), getCAFilePath(CERT_TYPE_HOST));
 }
 
 TEST_F(TlsPkiTest, PopulateFillsOnlyEmptyMembers) {

@@ -217,7 +217,9 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
     if (useFiles) {
       QXLOG(QXLOG_PROGRESS, tag) << "Setting QXCA certificates";
       result = qxTlsSetOption(*this, CURLOPT_SSLCERT, m_certPath.c_str(), "CURLOPT_SSLCERT", tag);
-      result = qxTlsSetOption(*this, CURLOPT_SSLKEY, m_keyPath.c_str(), "CURLOPT_SSLKEY", tag);
+      // A later success must not hide an earlier failure.
+      int rc = qxTlsSetOption(*this, CURLOPT_SSLKEY, m_keyPath.c_str(), "CURLOPT_SSLKEY", tag);
+      if (rc != 0) result = rc;
       // Always a (possibly empty) password, so that OpenSSL never falls back
       // to prompting on a terminal for an encrypted key.
       qxTlsSetOption(*this, CURLOPT_KEYPASSWD, m_passphrase.c_str(), "CURLOPT_KEYPASSWD", tag);
@@ -230,7 +232,8 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
     QXLOG(QXLOG_PROGRESS, tag) << "m_CACertPath: [" << m_CACertPath << "]";
     if (useFiles) {
       QXLOG(QXLOG_PROGRESS, tag) << "Setting QXCA CA certificate";
-      result = qxTlsSetOption(*this, CURLOPT_CAINFO, m_CACertPath.c_str(), "CURLOPT_CAINFO", tag);
+      int rc = qxTlsSetOption(*this, CURLOPT_CAINFO, m_CACertPath.c_str(), "CURLOPT_CAINFO", tag);
+      if (rc != 0) result = rc;
     } else {
       setupCAInfoToNULL();
     }

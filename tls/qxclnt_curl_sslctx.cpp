@@ -26,7 +26,7 @@ namespace {
 
 const char kVerifyTag[] = "QXClientCURL::libqxcurl_verify_callback()";
 
-std::once_flag g_indexOnce;
+std::mutex g_indexMutex;
 std::once_flag g_sniIndexOnce;
 int g_sniIndex = -1;
 
@@ -79,9 +79,13 @@ int qxInstallSniMarker(SSL_CTX* ctx, const std::string& marker) {
 CURLcode qxcurl_sni_context(CURL* /*curl*/, SSL_CTX* ctx, void* client) {
   if (client == nullptr) return CURLE_OK;
   auto* c = static_cast<QXClientCURL*>(client);
-  if (qxInstallSniMarker(ctx, c->m_sniName) != 0) {
-    QXLOG(QXLOG_OPTION, "QXClientCURL::setSNIHeader(CA_USAGE)")
-        << "Cannot attach the server-name marker [" << c->m_sniName << "]";
+  try {
+    if (qxInstallSniMarker(ctx, c->m_sniName) != 0) {
+      QXLOG(QXLOG_OPTION, "QXClientCURL::setSNIHeader(CA_USAGE)")
+          << "Cannot attach the server-name marker [" << c->m_sniName << "]";
+    }
+  } catch (...) {
+    return CURLE_ABORTED_BY_CALLBACK;
   }
   return CURLE_OK;
 }
@@ -92,18 +96,21 @@ void cert_util_logger(const char* tag, const char* message) {
 
 int register_verify_callback(SSL_CTX* ctx, void* client) {
   const char* tag = "register_verify_callback";
-  // Allocated once per process; call_once keeps two threads building their
-  // first contexts together from allocating two indexes.
-  std::call_once(g_indexOnce, [tag] {
-    int idx = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
-    if (idx == -1) {
-      QXLOG(QXLOG_ERROR, tag) << "SSL_CTX_get_ex_new_index failed";
-      return;
+  {
+    // Allocated once per process; the lock keeps two threads building their
+    // first contexts together from allocating two indexes. A failed
+    // allocation is tried again on the next context.
+    std::lock_guard<std::mutex> lock(g_indexMutex);
+    if (qxclientcurl_sslctx_index < 0) {
+      int idx = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+      if (idx == -1) {
+        QXLOG(QXLOG_ERROR, tag) << "SSL_CTX_get_ex_new_index failed";
+        return CURLE_ABORTED_BY_CALLBACK;
+      }
+      logmsgf(QXLOG_PROGRESS, QXLOG_CATEGORY, tag, "SSL_CTX_get_ex_new_index returned %d", idx);
+      qxclientcurl_sslctx_index = idx;
     }
-    logmsgf(QXLOG_PROGRESS, QXLOG_CATEGORY, tag, "SSL_CTX_get_ex_new_index returned %d", idx);
-    qxclientcurl_sslctx_index = idx;
-  });
-  if (qxclientcurl_sslctx_index < 0) return CURLE_ABORTED_BY_CALLBACK;
+  }
   if (SSL_CTX_set_ex_data(ctx, qxclientcurl_sslctx_index, client) != 1) {
     QXLOG(QXLOG_ERROR, tag) << "SSL_CTX_set_ex_data failed";
     return CURLE_ABORTED_BY_CALLBACK;
@@ -111,7 +118,9 @@ int register_verify_callback(SSL_CTX* ctx, void* client) {
   return CURLE_OK;
 }
 
-CURLcode set_ssl_context(CURL* /*curl*/, SSL_CTX* ctx, void* client) {
+namespace {
+
+CURLcode setSslContext(SSL_CTX* ctx, void* client) {
   const char* tag = "set_ssl_context";
   QXLOG(QXLOG_PROGRESS, tag) << "Setting the required parameters in ssl context!";
   if (client == nullptr) {
@@ -156,8 +165,9 @@ CURLcode set_ssl_context(CURL* /*curl*/, SSL_CTX* ctx, void* client) {
   }
 
   if (c->m_peerVerificationFlag) {
-    // libcurl's mode is kept: when it does not verify the peer, a failed
-    // callback must not abort the handshake either.
+    // libcurl's mode is kept: it is SSL_VERIFY_PEER whenever libcurl checks
+    // the peer. With that check off libcurl loads no CA at all, so forcing
+    // the mode would fail every handshake, good or bad.
     SSL_CTX_set_verify(ctx, SSL_CTX_get_verify_mode(ctx), libqxcurl_verify_callback);
     int rc = register_verify_callback(ctx, client);
     if (rc != CURLE_OK) return CURLE_ABORTED_BY_CALLBACK;
@@ -168,7 +178,7 @@ CURLcode set_ssl_context(CURL* /*curl*/, SSL_CTX* ctx, void* client) {
   return CURLE_OK;
 }
 
-int libqxcurl_verify_callback(int preverify_ok, X509_STORE_CTX* store) {
+int verifyPeer(int preverify_ok, X509_STORE_CTX* store) {
   SSL* ssl =
       static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
   if (ssl == nullptr) {
@@ -276,6 +286,26 @@ int libqxcurl_verify_callback(int preverify_ok, X509_STORE_CTX* store) {
   return 1;
 }
 
+}  // namespace
+
+// Both callbacks run inside libcurl and OpenSSL: nothing may be thrown
+// through their C frames.
+CURLcode set_ssl_context(CURL* /*curl*/, SSL_CTX* ctx, void* client) {
+  try {
+    return setSslContext(ctx, client);
+  } catch (...) {
+    return CURLE_ABORTED_BY_CALLBACK;
+  }
+}
+
+int libqxcurl_verify_callback(int preverify_ok, X509_STORE_CTX* store) {
+  try {
+    return verifyPeer(preverify_ok, store);
+  } catch (...) {
+    return 0;
+  }
+}
+
 void QXClientCURL::DisableCrlCheck() {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::DisableCrlCheck")
       << "Disabling CRL check by setting m_crlCheckLevel to DISABLE";
@@ -320,7 +350,6 @@ void qxCertInfoNames(const struct curl_slist* entries, std::list<std::string>& n
   static const char kCN[] = "CN = ";
   const char* tag = "QXClientCURL::extractPeerCertSAN";
   std::string cn;
-  size_t before = names.size();
   for (const curl_slist* e = entries; e != nullptr; e = e->next) {
     if (e->data == nullptr) continue;
     std::string line(e->data);
@@ -353,7 +382,7 @@ void qxCertInfoNames(const struct curl_slist* entries, std::list<std::string>& n
       }
     }
   }
-  if (names.size() == before) names.push_back(cn);
+  if (names.empty()) names.push_back(cn);
   if (commonName != nullptr) *commonName = cn;
 }
 
