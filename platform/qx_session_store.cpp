@@ -109,10 +109,11 @@ bool writeAll(int fd, const std::string& s) {
   return true;
 }
 
-// Reads "<decimal>\n" at pos; false on anything else.
+// Reads "<decimal>\n" at pos; false on anything else. At most 18 digits, so
+// the value cannot overflow.
 bool readNumberLine(const std::string& s, size_t& pos, long long& value) {
   size_t nl = s.find('\n', pos);
-  if (nl == std::string::npos || nl == pos || nl - pos > 19) return false;
+  if (nl == std::string::npos || nl == pos || nl - pos > 18) return false;
   value = 0;
   for (size_t i = pos; i < nl; ++i) {
     if (s[i] < '0' || s[i] > '9') return false;

@@ -101,6 +101,7 @@ TEST_F(SessionStoreTest, DamagedOrUnsafeFilesAreMisses) {
       "garbage\n",
       std::string(good).replace(0, 6, "XXXXXX"),
       std::string(good.size(), '\0'),
+      "ARVION-SESSION 1\n9999999999999999999\n1\nx",  // expiry beyond any integer
   };
   for (const std::string& text : damaged) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << text;

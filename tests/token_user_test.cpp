@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdlib>
 
 #include "env_var_utilities.h"
@@ -15,31 +16,19 @@
 
 namespace {
 
-// Restores (or removes) an environment variable when the scope ends.
+// Sets (value) or removes (null) a variable; restores it when the scope ends.
 class ScopedEnv {
  public:
-  ScopedEnv(const char* name, const char* value) : m_name(name) {
-    const char* old = getenv(name);
-    m_had = old != nullptr;
-    if (m_had) m_old = old;
-    if (value != nullptr) {
-      setenv(name, value, 1);
-    } else {
-      unsetenv(name);
-    }
+  ScopedEnv(const char* name, const char* value) : m_name(name), m_had(getenv(name) != nullptr) {
+    if (m_had) m_old = getenv(name);
+    value != nullptr ? setenv(name, value, 1) : unsetenv(name);
   }
-  ~ScopedEnv() {
-    if (m_had) {
-      setenv(m_name.c_str(), m_old.c_str(), 1);
-    } else {
-      unsetenv(m_name.c_str());
-    }
-  }
+  ~ScopedEnv() { m_had ? setenv(m_name.c_str(), m_old.c_str(), 1) : unsetenv(m_name.c_str()); }
 
  private:
   std::string m_name;
+  bool m_had;
   std::string m_old;
-  bool m_had = false;
 };
 
 TEST(TokenHelpers, CommandRunnerKeepsFirstLineAndLimitsItsLength) {
@@ -68,12 +57,11 @@ TEST(TokenHelpers, EnvironmentReadAndWrite) {
   std::string value = "kept";
   EXPECT_FALSE(EnvVarUtilities::getEnv("QX_TOKEN_TEST_VAR", value));
   EXPECT_EQ("kept", value);
-  EXPECT_TRUE(EnvVarUtilities::putEnv("QX_TOKEN_TEST_VAR", ""));
-  EXPECT_TRUE(EnvVarUtilities::getEnv("QX_TOKEN_TEST_VAR", value));
-  EXPECT_EQ("", value);
-  EXPECT_TRUE(EnvVarUtilities::putEnv("QX_TOKEN_TEST_VAR", "a=b,c"));
-  EXPECT_TRUE(EnvVarUtilities::getEnv("QX_TOKEN_TEST_VAR", value));
-  EXPECT_EQ("a=b,c", value);
+  for (const char* v : {"", "a=b,c"}) {
+    EXPECT_TRUE(EnvVarUtilities::putEnv("QX_TOKEN_TEST_VAR", v));
+    EXPECT_TRUE(EnvVarUtilities::getEnv("QX_TOKEN_TEST_VAR", value));
+    EXPECT_EQ(v, value);
+  }
 }
 
 TEST(TokenHelpers, ApiKeyEntriesAndTargetOutput) {
@@ -169,6 +157,13 @@ TEST_F(TokenUserTest, LoginStoresSessionAndLogoutForgetsIt) {
   EXPECT_NE(std::string::npos, reqs.back().header("Authorization").find(token));
   std::string local;
   EXPECT_NE(0, mgr->getLocalToken(local));
+
+  // The longest validity a server can send still gives a stored session.
+  int validity = INT_MAX;
+  ASSERT_EQ(0, mgr->saveNewToken("localhost", "long-lived", validity));
+  EXPECT_EQ(INT_MAX, validity);
+  ASSERT_EQ(0, mgr->getLocalToken(local));
+  EXPECT_EQ("long-lived", local);
 
   for (const auto& line : log.lines()) {
     EXPECT_EQ(std::string::npos, line.text.find("secret")) << line.text;

@@ -71,8 +71,8 @@ json_t* loadObject(const std::string& json, const char* tag, const char* loadMes
 
 // The common start of the parsers: empty input is 20, anything that is not a
 // JSON object 7617; status says which when nullptr comes back.
-json_t* loadInput(const std::string& json, const char* tag, const char* loadMessage,
-                  bool withText, int& status) {
+json_t* loadInput(const std::string& json, const char* tag, const char* loadMessage, bool withText,
+                  int& status) {
   if (json.empty()) {
     QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
     status = QX_ERR_BAD_ARGUMENT;
@@ -176,22 +176,22 @@ int writeServerCertsOpsJson(const std::map<std::string, std::string>& members,
       return fail();
     }
   }
-  json_t* ops = json_array();
-  if (ops == nullptr) {
+  JsonHolder ops(json_array());
+  if (ops.get() == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json array operations";
-    return fail();
-  }
-  // The object takes the array over from here, even when setting fails.
-  if (json_object_set_new(root.get(), "operations", ops) != 0) {
-    QXLOG(QXLOG_ERROR, tag) << "Unable to set the json key server";
     return fail();
   }
   for (const auto& op : operations) {
     json_t* s = json_stringn(op.data(), op.size());
-    if (s == nullptr || json_array_append_new(ops, s) != 0) {
+    if (s == nullptr || json_array_append_new(ops.get(), s) != 0) {
       QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json key " << op;
       return fail();
     }
+  }
+  // The message text is fixed; it says "server" for this member too.
+  if (json_object_set(root.get(), "operations", ops.get()) != 0) {
+    QXLOG(QXLOG_ERROR, tag) << "Unable to set the json key server";
+    return fail();
   }
   char* text = json_dumps(root.get(), 0);
   if (text == nullptr) {

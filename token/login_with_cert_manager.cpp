@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -33,6 +34,13 @@ time_t (*g_clock)() = nullptr;
 int (*g_certOpsHook)(std::string) = nullptr;
 
 int64_t timeNow() { return g_clock != nullptr ? g_clock() : time(nullptr); }
+
+// a - b, saturated: times come from a file anyone may have damaged.
+int64_t secondsBetween(int64_t a, int64_t b) {
+  int64_t r = 0;
+  if (__builtin_sub_overflow(a, b, &r)) return a < b ? INT64_MIN : INT64_MAX;
+  return r;
+}
 
 // Strict decimal: optional sign and digits only, within int64.
 bool parseSeconds(const std::string& s, int64_t& value) {
@@ -139,7 +147,7 @@ int LoginWithCertManager::isJWTRefreshRequired(const jwtToken& token,
   static const char* tag = "LoginWithCertManager::isJWTRefreshRequired";
   const int64_t now = timeNow();
   const int64_t failed = token.tokenLastFailTimeSec;
-  if (failed != 0 && now - failed <= kFailBackoffSec && now > failed) {
+  if (failed != 0 && secondsBetween(now, failed) <= kFailBackoffSec && now > failed) {
     int caMode = 0;
     int rc = getCAModeByServer(m_certType, server.c_str(), &caMode);
     if (rc != 0) {
@@ -160,7 +168,7 @@ int LoginWithCertManager::isJWTRefreshRequired(const jwtToken& token,
                                << ", will fail more for = " << (failed + kFailBackoffSec - now);
     return QX_JWT_REFRESH_AVOID;
   }
-  const int64_t left = token.tokenExpTimeSec - now;
+  const int64_t left = secondsBetween(token.tokenExpTimeSec, now);
   QXLOG(QXLOG_PROGRESS, tag) << "tokenExpTimeSec = " << token.tokenExpTimeSec
                              << ", timeNow = " << now << ", (tokenExpTimeSec-timeNow) = " << left;
   if (left <= kRefreshMarginSec) {
@@ -192,6 +200,10 @@ int LoginWithCertManager::getLocalToken(jwtToken& token) {
     token = jwtToken();
     QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
     return status;
+  } catch (...) {
+    token = jwtToken();
+    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
+    return QX_ERR_FILE_OPEN;
   }
 }
 
@@ -312,7 +324,7 @@ int LoginWithCertManager::saveNewToken(const jwtToken& token) {
   if (!ok) {
     QXLOG(QXLOG_ERROR, tag) << "File " << m_tokenFilePath
                             << " could not be updated with the new token";
-    return QX_ERR_JSON_DUMP;
+    return QX_ERR_FILE_WRITE;
   }
   QXLOG(QXLOG_PROGRESS, tag) << "tokenIssueTimeSec = " << token.tokenIssueTimeSec
                              << ", tokenExpTimeSec = " << token.tokenExpTimeSec

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -173,6 +174,9 @@ int LoginWithUserTokenManager::getNewToken(const std::string& server, std::strin
   } catch (int status) {
     QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
     return status;
+  } catch (...) {
+    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
+    return QX_ERR_TOKEN;
   }
 }
 
@@ -180,7 +184,10 @@ int LoginWithUserTokenManager::saveNewToken(const std::string&, const std::strin
                                             int& expireAt) {
   static const char* tag = "LoginWithUserTokenManager::saveNewToken";
   setCredCacheKeyIfAppliance();
-  expireAt = static_cast<int>(time(nullptr) + expireAt);
+  // A huge validity from the server must not wrap into a time in the past,
+  // nor a negative one land below the store's "seconds from now" range.
+  const int64_t expiry = static_cast<int64_t>(time(nullptr)) + (expireAt < 0 ? 0 : expireAt);
+  expireAt = expiry > INT_MAX ? INT_MAX : static_cast<int>(expiry);
   std::string json;
   int rc =
       getUserLoginDetailsAsJson(m_userName, m_domainName, "", m_domainType, token, expireAt, json);
@@ -268,7 +275,10 @@ int LoginWithUserTokenManager::getSessionTokenTarget(std::string& target) {
   // The path is quoted for the shell; a quote inside it cannot be.
   if (installDir.find('\'') != std::string::npos) return QX_ERR_BAD_ARGUMENT;
   char cmd[4096];
-  snprintf(cmd, sizeof cmd, "%s%s%s%s%s", "'", installDir.c_str(), "/bin/", "qxa' ", "qxuserid");
+  int len = snprintf(cmd, sizeof cmd, "%s%s%s%s%s", "'", installDir.c_str(), "/bin/", "qxa' ",
+                     "qxuserid");
+  // A cut command line would run something else.
+  if (len < 0 || static_cast<size_t>(len) >= sizeof cmd) return QX_ERR_BAD_ARGUMENT;
   std::string output;
   ExecCustomScript script;
   int rc = script.run(cmd, output);
