@@ -1,4 +1,7 @@
 // qxcurl: call the web service of a master server from the command line.
+#include <unistd.h>
+
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -11,24 +14,37 @@
 #include <string>
 #include <vector>
 
+#include "json_token_manager.h"
+#include "login_with_user_token_manager.h"
 #include "qx_status.h"
 #include "qxclnt_curl.h"
+#include "qxcurl_tool.h"
 #include "supplied_token_manager.h"
+
+using namespace qxtool;
 
 namespace {
 
-enum ExitCode { EXIT_OK = 0, EXIT_HTTP = 1, EXIT_USAGE = 2, EXIT_STATUS = 3 };
-
 const char* const kUsage =
     "usage: qxcurl [options] METHOD PATH\n"
+    "       qxcurl login  --server S [--port N] --user NAME --domain-type T [--domain-name D]\n"
+    "                     [--password-file FILE] | [--api-key KEYS]\n"
+    "       qxcurl logout --server S [--port N]\n"
+    "       qxcurl token  --server S [--port N] [--cert-type N] [--new] [--show] [--clear]\n"
     "  METHOD  GET, POST, PUT, PATCH, DELETE or UPLOAD (multipart POST of --file)\n"
     "  PATH    web-service path, e.g. arvion/ping\n"
-    "options:\n"
+    "options of every command:\n"
     "  --server NAME            master server (required)\n"
     "  --port N                 port (default 1556)\n"
-    "  --session TYPE           insecure|token|newtoken|tpca (default: token with --token,\n"
-    "                           else insecure)\n"
     "  --cert-type N            certificate type (default 1)\n"
+    "  --timeout S              whole-transfer time-out, seconds\n"
+    "  --verbose                library log (and wire trace of requests) on stderr, masked\n"
+    "  --help                   this text\n"
+    "options of METHOD PATH:\n"
+    "  --session TYPE           insecure|token|newtoken|tpca (default: token with --token\n"
+    "                           or --user-session, else insecure); token without --token\n"
+    "                           logs in with the host certificate\n"
+    "  --user-session           present the user session of 'qxcurl login'\n"
     "  --ca-type QXCA|ECA       force the certificate authority\n"
     "  --data TEXT|@FILE        request body for POST, PUT, PATCH\n"
     "  --token TEXT|@FILE       authorisation token to present\n"
@@ -41,45 +57,32 @@ const char* const kUsage =
     "  --cert FILE --key FILE   present this certificate and key (mutual TLS)\n"
     "  --passphrase-file FILE   passphrase of --key\n"
     "  --insecure               do not verify the server's certificate or name\n"
-    "  --timeout S              whole-transfer time-out, seconds\n"
+    "  --crl FILE               also use the CRLs in FILE for the revocation check\n"
+    "  --crl-level 0|1|2        revocation check: off, leaf, whole chain\n"
+    "  --allow-failed-crl       accept a peer whose revocation check could not be done\n"
+    "  --no-crl-download        never download a CRL\n"
     "  --connect-timeout S      connect time-out, seconds\n"
     "  --retry-window S         connection-retry window, seconds (0: no retries)\n"
     "  --api-version V          send media type version V\n"
     "  --include                print the response headers before the body\n"
-    "  --verbose                masked wire trace on stderr\n"
-    "  --help                   this text\n"
+    "options of login:\n"
+    "  --user NAME --domain-type T [--domain-name D (default: the server)]\n"
+    "  --password-file FILE     password on its first line (else prompted, or read from\n"
+    "                           standard input when it is not a terminal)\n"
+    "  --api-key KEYS           API key instead of a password: @FILE or server:key[,...]\n"
+    "                           (ARVION_APIKEY is used when neither --user nor --api-key)\n"
+    "options of token:\n"
+    "  --new                    log in again even if the cached token is good\n"
+    "  --show                   print the token in full (default: masked)\n"
+    "  --clear                  clear the cached token (with --new: then log in)\n"
     "exit status: 0 success (HTTP 2xx), 1 HTTP error, 2 usage error, 3 library status\n";
 
-struct Options {
-  std::string server;
-  int port = 1556;
-  std::string session;
-  int certType = 1;
-  std::string caType;
-  std::string data;
-  bool haveData = false;
-  std::string token;
-  bool haveToken = false;
-  bool bearer = false;
-  std::vector<std::string> headers;
-  std::string file, remoteName, contentType = "application/octet-stream";
-  std::string cacert, cert, key, passphraseFile;
-  bool insecure = false;
-  long timeout = -1, connectTimeout = -1, retryWindow = -1;
-  std::string apiVersion;
-  bool include = false;
-  bool verbose = false;
-  std::string method, path;
-};
-
-class UsageError {
- public:
-  explicit UsageError(std::string text) : m_text(std::move(text)) {}
-  const std::string& text() const { return m_text; }
-
- private:
-  std::string m_text;
-};
+// Options every command takes; the others belong to one command.
+const char* const kCommonOptions[] = {"--server", "--port", "--cert-type", "--timeout",
+                                      "--verbose"};
+const char* const kLoginOptions[] = {"--user", "--domain-type", "--domain-name", "--password-file",
+                                     "--api-key"};
+const char* const kTokenOptions[] = {"--new", "--show", "--clear"};
 
 // TEXT, or the contents of FILE for "@FILE".
 std::string valueOrFile(const std::string& arg, const char* option) {
@@ -101,31 +104,114 @@ long toNumber(const std::string& text, const char* option) {
   return v;
 }
 
+int toInt(const std::string& text, const char* option) {
+  long v = toNumber(text, option);
+  if (v < -2147483647L || v > 2147483647L) {
+    throw UsageError(std::string(option) + " is out of range: '" + text + "'");
+  }
+  return static_cast<int>(v);
+}
+
 std::string stripLineEnd(std::string s) {
   while (!s.empty() && (s.back() == '\n' || s.back() == '\r')) s.pop_back();
   return s;
 }
 
+template <size_t N>
+bool listed(const char* const (&names)[N], const std::string& name) {
+  for (const char* n : names) {
+    if (name == n) return true;
+  }
+  return false;
+}
+
+// Refuses an option that the chosen command does not take.
+void checkOptionsBelong(const Options& o) {
+  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token"};
+  for (const std::string& name : o.seen) {
+    bool ok = listed(kCommonOptions, name);
+    switch (o.command) {
+      case CMD_REQUEST:
+        ok = ok || !(listed(kLoginOptions, name) || listed(kTokenOptions, name));
+        break;
+      case CMD_LOGIN:
+        ok = ok || listed(kLoginOptions, name);
+        break;
+      case CMD_TOKEN:
+        ok = ok || listed(kTokenOptions, name);
+        break;
+      case CMD_LOGOUT:
+        break;
+    }
+    if (!ok) throw UsageError(name + " does not apply to " + kCommandNames[o.command]);
+  }
+}
+
+void checkRequest(Options& o, const std::vector<std::string>& positional) {
+  if (positional.size() != 2) throw UsageError("expected METHOD and PATH");
+  o.method = positional[0];
+  for (char& c : o.method) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  o.path = positional[1];
+  if (!o.path.empty() && o.path[0] == '/') o.path.erase(0, 1);
+  static const char* const kMethods[] = {"GET", "POST", "PUT", "PATCH", "DELETE", "UPLOAD"};
+  if (!listed(kMethods, o.method)) throw UsageError("unknown METHOD " + o.method);
+  if ((o.method == "POST" || o.method == "PUT" || o.method == "PATCH") && !o.haveData) {
+    throw UsageError(o.method + " needs --data");
+  }
+  if (o.method == "UPLOAD" && o.file.empty()) throw UsageError("UPLOAD needs --file");
+  if (o.remoteName.empty() && !o.file.empty()) {
+    size_t slash = o.file.rfind('/');
+    o.remoteName = slash == std::string::npos ? o.file : o.file.substr(slash + 1);
+  }
+  if (o.cert.empty() != o.key.empty()) throw UsageError("--cert and --key go together");
+  if (!o.caType.empty() && o.caType != "QXCA" && o.caType != "ECA") {
+    throw UsageError("--ca-type is QXCA or ECA");
+  }
+  if (o.userSession && o.haveToken)
+    throw UsageError("--user-session and --token exclude each other");
+  if (o.userSession && !o.session.empty() && o.session != "token") {
+    throw UsageError("--user-session needs --session token");
+  }
+  if (!o.crl.empty() && access(o.crl.c_str(), R_OK) != 0) {
+    throw UsageError("cannot read --crl file " + o.crl);
+  }
+}
+
 Options parseArgs(int argc, char** argv) {
   Options o;
   std::vector<std::string> positional;
-  for (int i = 1; i < argc; ++i) {
+  int first = 1;
+  if (argc > 1) {
+    std::string word = argv[1];
+    if (word == "login") o.command = CMD_LOGIN;
+    if (word == "logout") o.command = CMD_LOGOUT;
+    if (word == "token") o.command = CMD_TOKEN;
+    if (o.command != CMD_REQUEST) first = 2;
+  }
+  for (int i = first; i < argc; ++i) {
     std::string a = argv[i];
     auto next = [&]() -> std::string {
       if (i + 1 >= argc) throw UsageError(a + " needs a value");
       return argv[++i];
     };
-    if (a == "--help" || a == "-h") {
+    // Short forms count as their long names.
+    if (a == "-h") a = "--help";
+    if (a == "-k") a = "--insecure";
+    if (a == "-i") a = "--include";
+    if (a == "-v") a = "--verbose";
+    if (a.size() > 2 && a[0] == '-' && a[1] == '-') o.seen.push_back(a);
+
+    if (a == "--help") {
       std::cout << kUsage;
       std::exit(EXIT_OK);
     } else if (a == "--server") {
       o.server = next();
     } else if (a == "--port") {
-      o.port = static_cast<int>(toNumber(next(), "--port"));
+      o.port = toInt(next(), "--port");
     } else if (a == "--session") {
       o.session = next();
     } else if (a == "--cert-type") {
-      o.certType = static_cast<int>(toNumber(next(), "--cert-type"));
+      o.certType = toInt(next(), "--cert-type");
     } else if (a == "--ca-type") {
       o.caType = next();
     } else if (a == "--data") {
@@ -136,6 +222,8 @@ Options parseArgs(int argc, char** argv) {
       o.haveToken = true;
     } else if (a == "--bearer") {
       o.bearer = true;
+    } else if (a == "--user-session") {
+      o.userSession = true;
     } else if (a == "--header") {
       o.headers.push_back(next());
     } else if (a == "--file") {
@@ -152,8 +240,18 @@ Options parseArgs(int argc, char** argv) {
       o.key = next();
     } else if (a == "--passphrase-file") {
       o.passphraseFile = next();
-    } else if (a == "--insecure" || a == "-k") {
+    } else if (a == "--insecure") {
       o.insecure = true;
+    } else if (a == "--crl") {
+      o.crl = next();
+    } else if (a == "--crl-level") {
+      std::string v = next();
+      if (v != "0" && v != "1" && v != "2") throw UsageError("--crl-level is 0, 1 or 2");
+      o.crlLevel = v[0] - '0';
+    } else if (a == "--allow-failed-crl") {
+      o.allowFailedCrl = true;
+    } else if (a == "--no-crl-download") {
+      o.noCrlDownload = true;
     } else if (a == "--timeout") {
       o.timeout = toNumber(next(), "--timeout");
     } else if (a == "--connect-timeout") {
@@ -162,40 +260,46 @@ Options parseArgs(int argc, char** argv) {
       o.retryWindow = toNumber(next(), "--retry-window");
     } else if (a == "--api-version") {
       o.apiVersion = next();
-    } else if (a == "--include" || a == "-i") {
+    } else if (a == "--include") {
       o.include = true;
-    } else if (a == "--verbose" || a == "-v") {
+    } else if (a == "--verbose") {
       o.verbose = true;
+    } else if (a == "--user") {
+      o.user = next();
+    } else if (a == "--domain-type") {
+      o.domainType = next();
+    } else if (a == "--domain-name") {
+      o.domainName = next();
+    } else if (a == "--password-file") {
+      o.passwordFile = next();
+    } else if (a == "--api-key") {
+      o.apiKey = next();
+      o.haveApiKey = true;
+    } else if (a == "--new") {
+      o.newToken = true;
+    } else if (a == "--show") {
+      o.showToken = true;
+    } else if (a == "--clear") {
+      o.clearToken = true;
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("unknown option " + a);
     } else {
       positional.push_back(a);
     }
   }
-  if (positional.size() != 2) throw UsageError("expected METHOD and PATH");
-  o.method = positional[0];
-  for (char& c : o.method) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  o.path = positional[1];
-  if (!o.path.empty() && o.path[0] == '/') o.path.erase(0, 1);
-  static const char* const kMethods[] = {"GET", "POST", "PUT", "PATCH", "DELETE", "UPLOAD"};
-  bool known = false;
-  for (const char* m : kMethods) known = known || o.method == m;
-  if (!known) throw UsageError("unknown METHOD " + o.method);
-  if ((o.method == "POST" || o.method == "PUT" || o.method == "PATCH") && !o.haveData) {
-    throw UsageError(o.method + " needs --data");
+  checkOptionsBelong(o);
+  if (o.command == CMD_REQUEST) {
+    checkRequest(o, positional);
+  } else if (!positional.empty()) {
+    throw UsageError("unexpected argument " + positional[0]);
   }
-  if (o.method == "UPLOAD" && o.file.empty()) throw UsageError("UPLOAD needs --file");
-  if (o.remoteName.empty() && !o.file.empty()) {
-    size_t slash = o.file.rfind('/');
-    o.remoteName = slash == std::string::npos ? o.file : o.file.substr(slash + 1);
-  }
-  if (o.cert.empty() != o.key.empty()) throw UsageError("--cert and --key go together");
   return o;
 }
 
 // Session name to type; -1 for an unknown name (the client refuses it with 20).
 int sessionTypeFor(const Options& o) {
-  std::string s = o.session.empty() ? (o.haveToken ? "token" : "insecure") : o.session;
+  std::string s = o.session;
+  if (s.empty()) s = o.haveToken || o.userSession ? "token" : "insecure";
   if (s == "insecure") return QXCURL_INSECURE;
   if (s == "token") return QXCURL_USE_TOKEN;
   if (s == "newtoken") return QXCURL_GET_NEW_TOKEN;
@@ -203,47 +307,65 @@ int sessionTypeFor(const Options& o) {
   return -1;
 }
 
-int reportStatus(int status, const QXClientCURL* client) {
-  std::fprintf(stderr, "qxcurl: status %d: %s\n", status, getECmsg(status));
-  if (client != nullptr && client->getHttpCode() != 0) {
-    std::fprintf(stderr, "HTTP %ld\n", static_cast<long>(client->getHttpCode()));
-  }
-  return EXIT_STATUS;
-}
-
-int run(const Options& o) {
-  int sessionType = sessionTypeFor(o);
-  std::unique_ptr<SuppliedTokenManager> tokens;
-  if (o.haveToken) tokens.reset(new SuppliedTokenManager(o.token));
-
-  std::unique_ptr<QXClientCURL> client;
-  try {
-    client.reset(new QXClientCURL(o.server, o.port, static_cast<cert_type>(o.certType),
-                                  static_cast<QXCurlSessionType>(sessionType), tokens.get(), "",
-                                  true, false, false, o.caType));
-  } catch (int status) {
-    if (o.server.empty()) std::fprintf(stderr, "qxcurl: --server is required\n");
-    if (o.port < 1) std::fprintf(stderr, "qxcurl: --port must be 1 or more\n");
-    if (sessionType < 0) std::fprintf(stderr, "qxcurl: bad --session '%s'\n", o.session.c_str());
-    reportStatus(status, nullptr);
-    return status == 20 ? EXIT_USAGE : EXIT_STATUS;
-  }
-  QXClientCURL& c = *client;
-  c.m_useBearer = o.bearer;
-  if (o.verbose) c.setCurlVerbose();
-
-  int rc = 0;
+// TLS trust, client certificate and revocation switches of one request.
+int applyTlsOptions(const Options& o, QXClientCURL& c) {
   caLoadType loadType = o.caType == "QXCA"  ? CA_LOAD_FORCE_QXCA
                         : o.caType == "ECA" ? CA_LOAD_FORCE_ECA
                                             : CA_LOAD_CONFIGURED;
+  int rc = 0;
   if (!o.cert.empty()) {
-    rc = c.setAssortedCurlPKIParams(loadType, o.cacert, true, "", o.cert, o.key, "",
+    rc = c.setAssortedCurlPKIParams(loadType, o.cacert, true, o.crl, o.cert, o.key, "",
                                     o.passphraseFile);
   } else if (!o.cacert.empty()) {
     rc = c.setCustomCAPath(o.cacert, o.caType);
   }
-  if (rc != 0) return reportStatus(rc, nullptr);
+  if (rc != 0) return rc;
+  if (!o.crl.empty()) c.m_crlPath = o.crl;
+  if (o.crlLevel == 0) {
+    c.DisableCrlCheck();
+  } else if (o.crlLevel > 0) {
+    c.m_crlCheckLevel = static_cast<unsigned int>(o.crlLevel);
+  }
+  if (o.allowFailedCrl) c.allowConnectionWithFailedCRLCheck();
+  if (o.noCrlDownload) c.setSkipCRLDownload();
   if (o.insecure) c.setSkipPeerHostVerification();
+  return 0;
+}
+
+int runRequest(const Options& o) {
+  int sessionType = sessionTypeFor(o);
+  std::unique_ptr<SuppliedTokenManager> supplied;
+  std::unique_ptr<LoginWithUserTokenManager> userSession;
+  TokenManager_Base* tokens = nullptr;
+  if (o.haveToken) {
+    supplied.reset(new SuppliedTokenManager(o.token));
+    tokens = supplied.get();
+  } else if (o.userSession) {
+    int exitCode = openUserSession(o, userSession);
+    if (exitCode != 0) return exitCode;
+    tokens = userSession.get();
+  }
+
+  std::unique_ptr<QXClientCURL> client;
+  try {
+    client.reset(new QXClientCURL(o.server, o.port, static_cast<cert_type>(o.certType),
+                                  static_cast<QXCurlSessionType>(sessionType), tokens, "", true,
+                                  false, false, o.caType));
+  } catch (int status) {
+    if (o.server.empty()) std::fprintf(stderr, "qxcurl: --server is required\n");
+    if (o.port < 1) std::fprintf(stderr, "qxcurl: --port must be 1 or more\n");
+    if (sessionType < 0) std::fprintf(stderr, "qxcurl: bad --session '%s'\n", o.session.c_str());
+    return reportStatus(status, nullptr);
+  }
+  QXClientCURL& c = *client;
+  c.m_useBearer = o.bearer;
+  if (o.verbose) c.setCurlVerbose();
+  // The token manager's own login requests get the same time-out.
+  if (o.timeout >= 0 && c.m_tokenManager != nullptr)
+    c.m_tokenManager->m_operationTimeout = o.timeout;
+
+  int rc = applyTlsOptions(o, c);
+  if (rc != 0) return reportStatus(rc, nullptr);
   if (o.timeout >= 0) c.setupCurlOperationTimeout(o.timeout);
   if (o.connectTimeout >= 0) c.setConnectTimeout(o.connectTimeout);
   if (o.retryWindow >= 0) c.setConnectRetryTimeout(o.retryWindow);
@@ -274,21 +396,18 @@ int run(const Options& o) {
     status = c.PostMultipartFile(o.path, o.file, o.remoteName, o.contentType);
   }
 
-  if (o.include)
+  if (o.include) {
     std::fwrite(c.getResponseHeaders().data(), 1, c.getResponseHeaders().size(), stdout);
+  }
   const std::string& body = c.getResponseBody();
   std::fwrite(body.data(), 1, body.size(), stdout);
   std::fflush(stdout);
 
   if (status != 0) {
-    reportStatus(status, &c);
+    int exitCode = reportStatus(status, &c);
     std::vector<std::string> names;
-    if (c.getExtendedErrorInfo(status, &names)) {
-      std::string list;
-      for (const std::string& n : names) list += (list.empty() ? "" : ", ") + n;
-      std::fprintf(stderr, "qxcurl: the server's certificate names: %s\n", list.c_str());
-    }
-    return status == 20 ? EXIT_USAGE : EXIT_STATUS;
+    if (c.getExtendedErrorInfo(status, &names)) reportCertNames(names);
+    return exitCode;
   }
   long http = static_cast<long>(c.getHttpCode());
   if (http < 200 || http > 299) {
@@ -299,16 +418,71 @@ int run(const Options& o) {
 }
 }  // namespace
 
+namespace qxtool {
+
+int reportStatus(int status, const QXClientCURL* client) {
+  // A status the server chose (a 503's error body) is explained by the
+  // server's own message; the library's table cannot know its codes.
+  int code = 0;
+  std::string message;
+  if (client != nullptr && !client->getResponseBody().empty() &&
+      extractErrorFromJSON(client->getResponseBody(), code, message) == 0 && code == status &&
+      !message.empty()) {
+    std::fprintf(stderr, "qxcurl: status %d: %s (server)\n", status, message.c_str());
+  } else {
+    std::fprintf(stderr, "qxcurl: status %d: %s\n", status, getECmsg(status));
+  }
+  if (client != nullptr && client->getHttpCode() != 0) {
+    std::fprintf(stderr, "HTTP %ld\n", static_cast<long>(client->getHttpCode()));
+  }
+  return status == QX_ERR_BAD_ARGUMENT ? EXIT_USAGE : EXIT_STATUS;
+}
+
+void reportCertNames(const std::vector<std::string>& names) {
+  std::string list;
+  for (const std::string& n : names) list += (list.empty() ? "" : ", ") + n;
+  std::fprintf(stderr, "qxcurl: the server's certificate names: %s\n", list.c_str());
+}
+
+std::string maskSecret(const std::string& secret) {
+  if (secret.size() < 16) return "(hidden)";
+  return secret.substr(0, 2) + "..." + secret.substr(secret.size() - 1);
+}
+
+void wipe(std::string& secret) {
+  // volatile, so that the stores are not dropped as dead before the free.
+  volatile char* p = secret.empty() ? nullptr : &secret[0];
+  for (size_t i = 0; i < secret.size(); ++i) p[i] = '\0';
+  secret.clear();
+}
+
+}  // namespace qxtool
+
 int main(int argc, char** argv) {
   Options o;
   try {
     o = parseArgs(argc, argv);
   } catch (const UsageError& e) {
-    std::fprintf(stderr, "qxcurl: %s\n%s", e.text().c_str(), kUsage);
+    std::fprintf(stderr, "qxcurl: %s\nTry 'qxcurl --help'.\n", e.text().c_str());
     return EXIT_USAGE;
   }
-  // The trace goes through the library's log; send it to stderr unless the
-  // caller already chose a destination.
+  // The trace and the library's log go to stderr unless the caller already
+  // chose a destination.
   if (o.verbose) setenv("QXCURL_LOG", "stderr", 0);
-  return run(o);
+  try {
+    switch (o.command) {
+      case CMD_LOGIN:
+        return runLogin(o);
+      case CMD_LOGOUT:
+        return runLogout(o);
+      case CMD_TOKEN:
+        return runToken(o);
+      case CMD_REQUEST:
+        break;
+    }
+    return runRequest(o);
+  } catch (const UsageError& e) {
+    std::fprintf(stderr, "qxcurl: %s\n", e.text().c_str());
+    return EXIT_USAGE;
+  }
 }
