@@ -97,12 +97,6 @@ Reply httpsGet(const Call& c) {
   return r;
 }
 
-std::string passphrase(const QXTestRoot& root) {
-  std::string p = qxReadFile(root.pki("eca/passphrase"));
-  while (!p.empty() && (p.back() == '\n' || p.back() == '\r')) p.pop_back();
-  return p;
-}
-
 using FixtureTest = QXEmulatorTest;
 
 TEST_F(FixtureTest, PingIsAnsweredOverTlsAndRecorded) {
