@@ -19,6 +19,7 @@
 #include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
+#include "token_guard.h"
 
 namespace {
 
@@ -108,7 +109,7 @@ void LoginWithCertManager::updateJWTFailInfo(jwtToken& token) {
 int LoginWithCertManager::getToken(const std::string& server, std::string& token, bool forceNew,
                                    std::vector<std::string>* certNames) {
   static const char* tag = "LoginWithCertManager::getToken";
-  try {
+  return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     jwtToken record;
     if (!forceNew && getLocalToken(record) == 0) {
       int decision = isJWTRefreshRequired(record, server);
@@ -133,13 +134,7 @@ int LoginWithCertManager::getToken(const std::string& server, std::string& token
     }
     token = record.token;
     return 0;
-  } catch (int status) {
-    QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
-    return status;
-  } catch (...) {
-    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
-    return QX_ERR_TOKEN;
-  }
+  });
 }
 
 int LoginWithCertManager::isJWTRefreshRequired(const jwtToken& token,
@@ -361,7 +356,7 @@ void LoginWithCertManager::setupCurlOption(QXClientCURL* client) {
 int LoginWithCertManager::getNewToken(const std::string& server, jwtToken& token,
                                       std::vector<std::string>* certNames) {
   static const char* tag = "LoginWithCertManager::getNewToken";
-  try {
+  return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     QXClientCURL client(server, m_port, m_certType, QXCURL_GET_NEW_TOKEN);
     int rc = client.setupHostCertCurlOptionByCAType();
     if (rc != 0) {
@@ -441,13 +436,7 @@ int LoginWithCertManager::getNewToken(const std::string& server, jwtToken& token
     token.tokenExpTimeSec = now + validity;
     token.tokenLastFailTimeSec = 0;
     return 0;
-  } catch (int status) {
-    QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
-    return status;
-  } catch (...) {
-    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
-    return QX_ERR_TOKEN;
-  }
+  });
 }
 
 int LoginWithCertManager::performCertOperations(const std::string& server,

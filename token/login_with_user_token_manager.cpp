@@ -20,6 +20,7 @@
 #include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
+#include "token_guard.h"
 
 using Arvion::Ostrel::TokenMgmt::SessionTokenMgmt;
 
@@ -75,7 +76,7 @@ void LoginWithUserTokenManager::setupCurlOption(QXClientCURL* client) {
 int LoginWithUserTokenManager::getToken(const std::string& server, std::string& token,
                                         bool forceNew, std::vector<std::string>* certNames) {
   static const char* tag = "LoginWithUserTokenManager::getToken";
-  try {
+  return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     token.clear();
     if (IsFeatureEnabled_c(kApiKeyFeature)) {
       QXLOG(QXLOG_PROGRESS, tag) << "Lookup for APIKEY in environment";
@@ -111,13 +112,7 @@ int LoginWithUserTokenManager::getToken(const std::string& server, std::string& 
     }
     token = newToken;
     return 0;
-  } catch (int status) {
-    QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
-    return status;
-  } catch (...) {
-    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
-    return QX_ERR_TOKEN;
-  }
+  });
 }
 
 int LoginWithUserTokenManager::getNewToken(const std::string& server, std::string& token,
@@ -129,7 +124,7 @@ int LoginWithUserTokenManager::getNewToken(const std::string& server, std::strin
     QXLOG(QXLOG_ERROR, tag) << "getUserLoginPayload failed, retval = " << rc;
     return rc;
   }
-  try {
+  return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     QXClientCURL client(server, m_port, m_certType, QXCURL_GET_NEW_TOKEN, this);
     if (m_operationTimeout != -1) client.setupCurlOperationTimeout(m_operationTimeout);
     rc = client.Post(kLoginPath, payload);
@@ -171,13 +166,7 @@ int LoginWithUserTokenManager::getNewToken(const std::string& server, std::strin
     }
     QXLOG(QXLOG_ERROR, tag) << "Login failed, http_status = " << http;
     return kLoginRefused;
-  } catch (int status) {
-    QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
-    return status;
-  } catch (...) {
-    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
-    return QX_ERR_TOKEN;
-  }
+  });
 }
 
 int LoginWithUserTokenManager::saveNewToken(const std::string&, const std::string& token,

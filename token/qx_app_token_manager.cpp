@@ -9,6 +9,7 @@
 #include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
+#include "token_guard.h"
 
 namespace {
 constexpr const char* kLoginPath = "appliance/authservice/api/v1/auth/login";
@@ -48,7 +49,7 @@ void qxAppTokenManager::setupCurlOption(QXClientCURL*) {}
 int qxAppTokenManager::getToken(const std::string&, std::string& token, bool forceNew,
                                 std::vector<std::string>*) {
   static const char* tag = "qxAppTokenManager::getToken";
-  try {
+  return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     int rc = 0;
     if (forceNew) {
       QXLOG(QXLOG_PROGRESS, tag) << "getting new token for user " << m_userName;
@@ -67,26 +68,12 @@ int qxAppTokenManager::getToken(const std::string&, std::string& token, bool for
     }
     token = m_token;
     return 0;
-  } catch (int status) {
-    QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
-    return status;
-  } catch (...) {
-    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
-    return QX_ERR_TOKEN;
-  }
+  });
 }
 
 int qxAppTokenManager::getNewToken() {
   static const char* tag = "qxAppTokenManager::getNewToken";
-  try {
-    return login();
-  } catch (int status) {
-    QXLOG(QXLOG_ERROR, tag) << "Exception encountered, status code: " << status;
-    return status;
-  } catch (...) {
-    QXLOG(QXLOG_ERROR, tag) << "Unknown exception encountered";
-    return QX_ERR_TOKEN;
-  }
+  return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int { return login(); });
 }
 
 int qxAppTokenManager::login() {
