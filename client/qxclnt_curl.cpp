@@ -8,6 +8,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "client/qxclnt_curl_option.h"
 #include "login_with_cert_manager.h"
 #include "prefnet/qxclnt_prefnet.h"
 #include "qx_config.h"
@@ -267,31 +268,16 @@ void QXClientCURL::applyDefaultHeaders() {
 }
 
 int QXClientCURL::setCurlOptionLogged(CURLoption option, long value, const char* name, int level) {
-  CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
-  if (rc == CURLE_OK) return 0;
-  m_curlError = rc;
-  QXLOG(level, "QXClientCURL::setCurlOption")
-      << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
-  return mapCurlError();
+  return qxSetCurlOption(*this, option, value, name, level, "QXClientCURL::setCurlOption");
 }
 
 int QXClientCURL::setCurlOptionLogged(CURLoption option, const char* value, const char* name,
                                       int level) {
-  CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
-  if (rc == CURLE_OK) return 0;
-  m_curlError = rc;
-  QXLOG(level, "QXClientCURL::setCurlOption")
-      << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
-  return mapCurlError();
+  return qxSetCurlOption(*this, option, value, name, level, "QXClientCURL::setCurlOption");
 }
 
 int QXClientCURL::setCurlOptionLogged(CURLoption option, void* value, const char* name, int level) {
-  CURLcode rc = curl_easy_setopt(m_curlHandle, option, value);
-  if (rc == CURLE_OK) return 0;
-  m_curlError = rc;
-  QXLOG(level, "QXClientCURL::setCurlOption")
-      << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
-  return mapCurlError();
+  return qxSetCurlOption(*this, option, value, name, level, "QXClientCURL::setCurlOption");
 }
 
 // ---- process-wide set-up ----

@@ -9,14 +9,6 @@
 
 class QXClientCURL;
 
-// Sets one libcurl option on the client's handle; a failure is logged as
-// "FAILED to set <name> in cURL. cURL :" + libcurl's text under tag and
-// comes back mapped to the product's status.
-int qxTlsSetOption(QXClientCURL& c, CURLoption option, long value, const char* name,
-                   const char* tag);
-int qxTlsSetOption(QXClientCURL& c, CURLoption option, const void* value, const char* name,
-                   const char* tag);
-
 // SSL-context callback that only puts the client's server-name marker on
 // the connection (own CA: no revocation check to install).
 CURLcode qxcurl_sni_context(CURL* curl, SSL_CTX* ctx, void* client);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "client/qxclnt_curl_option.h"
 #include "qx_certmap.h"
 #include "qx_log.h"
 #include "qx_root.h"
@@ -26,26 +27,6 @@ std::string getCAFilePath(cert_type certType) {
   if (certType == CERT_TYPE_GLOBAL)
     return qxRootPath("/usr/tarvo/var/global/webtruststore/cacert.pem");
   return qxRootPath("/usr/tarvo/var/webtruststore/cacert.pem");
-}
-
-int qxTlsSetOption(QXClientCURL& c, CURLoption option, long value, const char* name,
-                   const char* tag) {
-  CURLcode rc = curl_easy_setopt(c.m_curlHandle, option, value);
-  if (rc == CURLE_OK) return 0;
-  c.m_curlError = rc;
-  QXLOG(QXLOG_OPTION, tag) << "FAILED to set " << name
-                           << " in cURL. cURL :" << curl_easy_strerror(rc);
-  return c.mapCurlError();
-}
-
-int qxTlsSetOption(QXClientCURL& c, CURLoption option, const void* value, const char* name,
-                   const char* tag) {
-  CURLcode rc = curl_easy_setopt(c.m_curlHandle, option, value);
-  if (rc == CURLE_OK) return 0;
-  c.m_curlError = rc;
-  QXLOG(QXLOG_OPTION, tag) << "FAILED to set " << name
-                           << " in cURL. cURL :" << curl_easy_strerror(rc);
-  return c.mapCurlError();
 }
 
 int QXClientCURL::getCATypeToUse(const caLoadType& loadType, unsigned short port, ca_usage& out,
@@ -175,7 +156,8 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
   // TLS context (set_ssl_context) instead of through libcurl's file options.
   bool useFiles = !(IsFeatureEnabled_c(1) == 1 && usage != CA_USAGE_QXCA);
 
-  int result = qxTlsSetOption(*this, CURLOPT_SSLCERTTYPE, "PEM", "CURLOPT_SSLCERTTYPE", tag);
+  int result =
+      qxSetCurlOption(*this, CURLOPT_SSLCERTTYPE, "PEM", "CURLOPT_SSLCERTTYPE", QXLOG_OPTION, tag);
 
   m_caUsage = usage;
   const char* sniTag = "QXClientCURL::setSNIHeader(CA_USAGE)";
@@ -202,12 +184,12 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
   }
   // A resumed TLS session runs no verification callback: where the
   // revocation check must run, every connection makes a full handshake.
-  qxTlsSetOption(*this, CURLOPT_SSL_SESSIONID_CACHE, isExternalCA(usage) ? 0L : 1L,
-                 "CURLOPT_SSL_SESSIONID_CACHE", tag);
+  qxSetCurlOption(*this, CURLOPT_SSL_SESSIONID_CACHE, isExternalCA(usage) ? 0L : 1L,
+                  "CURLOPT_SSL_SESSIONID_CACHE", QXLOG_OPTION, tag);
 
   if (forMutualAuth) {
-    qxTlsSetOption(*this, CURLOPT_SSL_VERIFYPEER, 1L, "CURLOPT_SSL_VERIFYPEER", tag);
-    qxTlsSetOption(*this, CURLOPT_SSL_VERIFYHOST, 2L, "CURLOPT_SSL_VERIFYHOST", tag);
+    qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 1L, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION, tag);
+    qxSetCurlOption(*this, CURLOPT_SSL_VERIFYHOST, 2L, "CURLOPT_SSL_VERIFYHOST", QXLOG_OPTION, tag);
     if (m_certPath.empty() || m_keyPath.empty()) {
       QXLOG(QXLOG_OPTION, tag) << "Missing PKI artifact(s) "
                                << (m_certPath.empty() ? "X509 Certificate " : "")
@@ -216,13 +198,16 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
     }
     if (useFiles) {
       QXLOG(QXLOG_PROGRESS, tag) << "Setting QXCA certificates";
-      result = qxTlsSetOption(*this, CURLOPT_SSLCERT, m_certPath.c_str(), "CURLOPT_SSLCERT", tag);
+      result = qxSetCurlOption(*this, CURLOPT_SSLCERT, m_certPath.c_str(), "CURLOPT_SSLCERT",
+                               QXLOG_OPTION, tag);
       // A later success must not hide an earlier failure.
-      int rc = qxTlsSetOption(*this, CURLOPT_SSLKEY, m_keyPath.c_str(), "CURLOPT_SSLKEY", tag);
+      int rc = qxSetCurlOption(*this, CURLOPT_SSLKEY, m_keyPath.c_str(), "CURLOPT_SSLKEY",
+                               QXLOG_OPTION, tag);
       if (rc != 0) result = rc;
       // Always a (possibly empty) password, so that OpenSSL never falls back
       // to prompting on a terminal for an encrypted key.
-      qxTlsSetOption(*this, CURLOPT_KEYPASSWD, m_passphrase.c_str(), "CURLOPT_KEYPASSWD", tag);
+      qxSetCurlOption(*this, CURLOPT_KEYPASSWD, m_passphrase.c_str(), "CURLOPT_KEYPASSWD",
+                      QXLOG_OPTION, tag);
       QXLOG(QXLOG_PROGRESS, tag) << "Using X509 Certificate [" << m_certPath << "], and "
                                  << "Private Key [" << m_keyPath << "].";
     }
@@ -232,7 +217,8 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
     QXLOG(QXLOG_PROGRESS, tag) << "m_CACertPath: [" << m_CACertPath << "]";
     if (useFiles) {
       QXLOG(QXLOG_PROGRESS, tag) << "Setting QXCA CA certificate";
-      int rc = qxTlsSetOption(*this, CURLOPT_CAINFO, m_CACertPath.c_str(), "CURLOPT_CAINFO", tag);
+      int rc = qxSetCurlOption(*this, CURLOPT_CAINFO, m_CACertPath.c_str(), "CURLOPT_CAINFO",
+                               QXLOG_OPTION, tag);
       if (rc != 0) result = rc;
     } else {
       setupCAInfoToNULL();
@@ -432,33 +418,38 @@ void QXClientCURL::setApplianceConnection(bool isAppliance, const std::string& c
 
 int QXClientCURL::setupCAInfoToNULL() {
   const char* tag = "QXClientCURL::setupCAInfoToNULL";
-  qxTlsSetOption(*this, CURLOPT_CAPATH, static_cast<const void*>(nullptr), "CURLOPT_CAPATH", tag);
-  return qxTlsSetOption(*this, CURLOPT_CAINFO, static_cast<const void*>(nullptr), "CURLOPT_CAINFO",
-                        tag);
+  qxSetCurlOption(*this, CURLOPT_CAPATH, static_cast<const void*>(nullptr), "CURLOPT_CAPATH",
+                  QXLOG_OPTION, tag);
+  return qxSetCurlOption(*this, CURLOPT_CAINFO, static_cast<const void*>(nullptr), "CURLOPT_CAINFO",
+                         QXLOG_OPTION, tag);
 }
 
 int QXClientCURL::setSkipPeerHostVerification() {
   const char* tag = "QXClientCURL::setSkipPeerHostVerification";
-  int rc = qxTlsSetOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER", tag);
-  int rc2 = qxTlsSetOption(*this, CURLOPT_SSL_VERIFYHOST, 0L, "CURLOPT_SSL_VERIFYHOST", tag);
+  int rc = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER",
+                           QXLOG_OPTION, tag);
+  int rc2 = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYHOST, 0L, "CURLOPT_SSL_VERIFYHOST",
+                            QXLOG_OPTION, tag);
   return rc2 != 0 ? rc2 : rc;
 }
 
 int QXClientCURL::setSkipPeerVerification() {
   m_peerVerificationFlag = false;
-  return qxTlsSetOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER",
-                        "QXClientCURL::setSkipPeerVerification");
+  return qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION,
+                         "QXClientCURL::setSkipPeerVerification");
 }
 
 int QXClientCURL::setSkipHostVerification() {
-  return qxTlsSetOption(*this, CURLOPT_SSL_VERIFYHOST, 0L, "CURLOPT_SSL_VERIFYHOST",
-                        "QXClientCURL::setSkipHostVerification");
+  return qxSetCurlOption(*this, CURLOPT_SSL_VERIFYHOST, 0L, "CURLOPT_SSL_VERIFYHOST", QXLOG_OPTION,
+                         "QXClientCURL::setSkipHostVerification");
 }
 
 int QXClientCURL::setPeerAndHostVerification() {
   const char* tag = "QXClientCURL::setPeerAndHostVerification";
-  int rc = qxTlsSetOption(*this, CURLOPT_SSL_VERIFYPEER, 1L, "CURLOPT_SSL_VERIFYPEER", tag);
-  int rc2 = qxTlsSetOption(*this, CURLOPT_SSL_VERIFYHOST, 2L, "CURLOPT_SSL_VERIFYHOST", tag);
+  int rc = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 1L, "CURLOPT_SSL_VERIFYPEER",
+                           QXLOG_OPTION, tag);
+  int rc2 = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYHOST, 2L, "CURLOPT_SSL_VERIFYHOST",
+                            QXLOG_OPTION, tag);
   return rc2 != 0 ? rc2 : rc;
 }
 
@@ -473,7 +464,8 @@ int QXClientCURL::setContextFunction(CURLcode (*fn)(CURL*, SSL_CTX*, void*), voi
     result = mapCurlError();
   }
   if (data != nullptr) {
-    int rc2 = qxTlsSetOption(*this, CURLOPT_SSL_CTX_DATA, data, "CURLOPT_SSL_CTX_DATA", tag);
+    int rc2 = qxSetCurlOption(*this, CURLOPT_SSL_CTX_DATA, data, "CURLOPT_SSL_CTX_DATA",
+                              QXLOG_OPTION, tag);
     if (rc2 != 0) result = rc2;
   }
   return result;
