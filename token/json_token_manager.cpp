@@ -23,11 +23,17 @@ class JsonHolder {
   json_t* m_json;
 };
 
-// Takes ownership of text returned by json_dumps.
-std::string takeDump(char* text) {
-  std::string s(text);
+// Serialises root into out; on failure logs failMessage and returns failStatus.
+int dumpInto(json_t* root, std::string& out, const char* tag, const char* failMessage,
+             int failStatus) {
+  char* text = json_dumps(root, 0);
+  if (text == nullptr) {
+    QXLOG(QXLOG_ERROR, tag) << failMessage;
+    return failStatus;
+  }
+  out = text;
   free(text);
-  return s;
+  return 0;
 }
 
 bool setString(json_t* obj, const char* key, const std::string& value) {
@@ -93,13 +99,7 @@ int getSessionTokenPayload(std::string sessionToken, std::string& out) {
     QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
     return QX_ERR_NO_MEMORY;
   }
-  char* text = json_dumps(root.get(), 0);
-  if (text == nullptr) {
-    QXLOG(QXLOG_ERROR, tag) << "Error in getting payload";
-    return QX_ERR_JSON_PARSE;
-  }
-  out = takeDump(text);
-  return 0;
+  return dumpInto(root.get(), out, tag, "Error in getting payload", QX_ERR_JSON_PARSE);
 }
 
 int getUserLoginPayload(std::string domainType, std::string domainName, std::string userName,
@@ -118,13 +118,7 @@ int getUserLoginPayload(std::string domainType, std::string domainName, std::str
     QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
     return QX_ERR_NO_MEMORY;
   }
-  char* text = json_dumps(root.get(), 0);
-  if (text == nullptr) {
-    QXLOG(QXLOG_ERROR, tag) << "Error in getting payload";
-    return QX_ERR_JSON_PARSE;
-  }
-  out = takeDump(text);
-  return 0;
+  return dumpInto(root.get(), out, tag, "Error in getting payload", QX_ERR_JSON_PARSE);
 }
 
 int getUserLoginDetailsAsJson(std::string userName, std::string domainName, std::string issuedBy,
@@ -148,13 +142,8 @@ int getUserLoginDetailsAsJson(std::string userName, std::string domainName, std:
     QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
     return QX_ERR_NO_MEMORY;
   }
-  char* text = json_dumps(root.get(), 0);
-  if (text == nullptr) {
-    QXLOG(QXLOG_ERROR, tag) << "json_dumps() failed to encode rootJSONobj";
-    return QX_ERR_JSON_PARSE;
-  }
-  out = takeDump(text);
-  return 0;
+  return dumpInto(root.get(), out, tag, "json_dumps() failed to encode rootJSONobj",
+                  QX_ERR_JSON_PARSE);
 }
 
 int writeServerCertsOpsJson(const std::map<std::string, std::string>& members,
@@ -193,13 +182,7 @@ int writeServerCertsOpsJson(const std::map<std::string, std::string>& members,
     QXLOG(QXLOG_ERROR, tag) << "Unable to set the json key server";
     return fail();
   }
-  char* text = json_dumps(root.get(), 0);
-  if (text == nullptr) {
-    QXLOG(QXLOG_ERROR, tag) << "Unable to dump json to the output.";
-    return QX_ERR_JSON_DUMP;
-  }
-  out = takeDump(text);
-  return 0;
+  return dumpInto(root.get(), out, tag, "Unable to dump json to the output.", QX_ERR_JSON_DUMP);
 }
 
 int extractRenewReqdFromJSON(const std::string& json, int& renewRequired) {
