@@ -190,15 +190,12 @@ class HttpTest(EmulatorCase):
             ("6.0", vendor + "6.0", vendor + "6.0", "{}", 200),
             ("6.0", vendor + "5.0", None, None, 200),
             ("6.0", vendor + "7.0", None, None, 406),
-            ("6.0", vendor + "10.0", None, None, 406),
             ("10.0", vendor + "6.0", None, None, 200),
             ("6.0", vendor + "junk", None, None, 406),
             ("6.0", vendor + "7.0, */*", None, None, 200),
             ("6.0", "application/json", None, None, 200),
-            ("6.0", "text/plain", None, None, 200),
             ("6.0", "*/*", vendor + "7.0", "{}", 415),
             ("6.0", "*/*", vendor + "7.0", None, 200),
-            ("6.0", "*/*", "application/json", "{}", 200),
             (None, vendor + "5.0", None, None, 406),
             (None, "application/json", "application/json", "{}", 200),
         ]
@@ -237,18 +234,14 @@ class HttpTest(EmulatorCase):
     def test_malformed_requests_get_400(self):
         cases = [
             (b"GARBAGE\r\n\r\n", 400),
-            (b"\x00\xff\xfe binary\r\n\r\n", 400),
             (b"GET arvion/ping HTTP/1.1\r\n\r\n", 400),
             (b"GET /arvion/ping HTTP/9.9\r\n\r\n", 400),
             (b"GET /arvion/ping HTTP/1.1\r\nNoColonHere\r\n\r\n", 400),
-            (b"GET /arvion/ping HTTP/1.1\r\n Folded: x\r\n\r\n", 400),
             (b"POST /arvion/login HTTP/1.1\r\nContent-Length: abc\r\n\r\n", 400),
-            (b"POST /arvion/login HTTP/1.1\r\nContent-Length: -5\r\n\r\n", 400),
             (b"POST /arvion/login HTTP/1.1\r\nContent-Length: 2\r\nContent-Length: 3\r\n\r\n{}", 400),
             (b"POST /arvion/login HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n", 400),
             (b"GET /arvion/ping HTTP/1.1\r\n" + b"X-Big: " + b"a" * 8000 + b"\r\n" * 1 +
              (b"X-More: " + b"b" * 7000 + b"\r\n") * 10 + b"\r\n", 400),
-            (b"GET /" + b"p" * 9000 + b" HTTP/1.1\r\n\r\n", 400),
             (b"GET /no/such/path HTTP/1.1\r\nHost: x\r\n\r\n", 404),
             (b"DELETE /arvion/ping HTTP/1.1\r\nHost: x\r\n\r\n", 405),
             (b"POST /arvion/login HTTP/1.1\r\nContent-Length: 5\r\n\r\nnope!", 400),
@@ -348,12 +341,6 @@ class FaultTest(EmulatorCase):
                 with self.assertRaises((http.client.IncompleteRead, http.client.RemoteDisconnected)):
                     self.emu.call("GET", "arvion/ping")
                 self.assertEqual(self.emu.call("GET", "arvion/ping")[0], 200)
-
-    def test_delay(self):
-        self.fault(path="arvion/ping", kind="delay", seconds=0.4)
-        start = time.monotonic()
-        self.assertEqual(self.emu.call("GET", "arvion/ping")[0], 200)
-        self.assertGreaterEqual(time.monotonic() - start, 0.4)
 
     def test_control_rejects_bad_input(self):
         cases = [

@@ -6,10 +6,10 @@
 #include <thread>
 #include <vector>
 
-#include "platform_test_root.h"
 #include "qx_config.h"
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_test_env.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ struct CapturedLog {
 
 class ConfigTest : public ::testing::Test {
  protected:
-  PlatformTestRoot m_root;
+  QXTestRoot m_root;
   QXConfigHandle read(const std::string& text) {
     m_root.writeConfig(text);
     EXPECT_EQ(0, QX_read_master_config());

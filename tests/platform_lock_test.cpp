@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "platform_test_root.h"
 #include "qx_lock.h"
+#include "qx_test_env.h"
 
 namespace {
 
@@ -59,7 +59,7 @@ class Waiter {
 
 class LockTest : public ::testing::Test {
  protected:
-  PlatformTestRoot m_root;
+  QXTestRoot m_root;
   std::string m_path = m_root.path("test.lck");
 };
 

@@ -8,8 +8,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform_test_root.h"
 #include "qx_log.h"
+#include "qx_test_env.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ class LogTest : public ::testing::Test {
     qxSetLogSink(nullptr);
     qxLogReconfigure();
   }
-  PlatformTestRoot m_root;
+  QXTestRoot m_root;
 };
 
 TEST_F(LogTest, QuietByDefaultAndSinkSeesEveryLevel) {

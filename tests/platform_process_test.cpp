@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "platform_test_root.h"
 #include "qx_process.h"
+#include "qx_test_env.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
 }
 
 TEST(ProcessTest, ArgumentsReachTheProgramUntouchedByAShell) {
-  PlatformTestRoot root;
+  QXTestRoot root;
   std::string out = root.path("args.txt");
   const std::string tricky = "a b;$(touch x) 'q' \"d\" *";
   QXChildInfo info;

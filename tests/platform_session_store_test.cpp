@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "platform_test_root.h"
 #include "qx_session_store.h"
+#include "qx_test_env.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ class SessionStoreTest : public ::testing::Test {
     setenv("HOME", m_root.path("home").c_str(), 1);
     unsetenv("ARVION_OSTREL_USER_TOKEN_MGMT");
   }
-  PlatformTestRoot m_root;
+  QXTestRoot m_root;
   long inAnHour() const { return static_cast<long>(std::time(nullptr)) + 3600; }
 };
 

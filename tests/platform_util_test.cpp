@@ -6,8 +6,8 @@
 #include <string>
 #include <thread>
 
-#include "platform_test_root.h"
 #include "qx_status.h"
+#include "qx_test_env.h"
 #include "qx_util.h"
 #include "qx_wnet.h"
 
@@ -116,7 +116,7 @@ TEST(UtilTest, ProcessFacts) {
 }
 
 TEST(UtilTest, ConfigurationSwitches) {
-  PlatformTestRoot root;
+  QXTestRoot root;
   struct passwd* me = getpwuid(geteuid());
   ASSERT_NE(nullptr, me);
   std::string myName = me->pw_name;
@@ -144,7 +144,7 @@ TEST(UtilTest, ConfigurationSwitches) {
 }
 
 TEST(WnetTest, IsServerNeedsThisMachineAndTheConfiguration) {
-  PlatformTestRoot root;
+  QXTestRoot root;
   char host[256] = {0};
   ASSERT_EQ(0, gethostname(host, sizeof host - 1));
   struct Case {
