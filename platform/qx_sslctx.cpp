@@ -42,6 +42,17 @@ int loadFile(const std::string& path, cert_util_logger_t logger, const char* tag
   return rc == 20 ? 8511 : rc;
 }
 
+// The common start of the three loaders: a context to load into and the
+// file's contents.
+int loadInput(const std::string& path, SSL_CTX** ctx, cert_util_logger_t logger, const char* tag,
+              std::string& data) {
+  if (ctx == nullptr || *ctx == nullptr || path.empty()) {
+    report(logger, tag, "Invalid argument: empty path or no SSL context");
+    return 20;
+  }
+  return loadFile(path, logger, tag, data);
+}
+
 struct Passphrase {
   const std::string* text;
   bool asked;
@@ -85,12 +96,8 @@ bool SSLCTXHelper::isFipsCapableKey(EVP_PKEY* key) {
 int SSLCTXHelper::set_ca_cert_in_ssl_context(const std::string& path, cert_util_logger_t logger,
                                              SSL_CTX** ctx) {
   static const char tag[] = "SSLCTXHelper::set_ca_cert_in_ssl_context";
-  if (ctx == nullptr || *ctx == nullptr || path.empty()) {
-    report(logger, tag, "Invalid argument: empty path or no SSL context");
-    return 20;
-  }
   std::string data;
-  int rc = loadFile(path, logger, tag, data);
+  int rc = loadInput(path, ctx, logger, tag, data);
   if (rc != 0) return rc;
   X509_STORE* store = SSL_CTX_get_cert_store(*ctx);
   BIO* bio = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
@@ -112,12 +119,8 @@ int SSLCTXHelper::set_ca_cert_in_ssl_context(const std::string& path, cert_util_
 int SSLCTXHelper::set_cert_chain_in_ssl_context(const std::string& path, cert_util_logger_t logger,
                                                 SSL_CTX** ctx) {
   static const char tag[] = "SSLCTXHelper::set_cert_chain_in_ssl_context";
-  if (ctx == nullptr || *ctx == nullptr || path.empty()) {
-    report(logger, tag, "Invalid argument: empty path or no SSL context");
-    return 20;
-  }
   std::string data;
-  int rc = loadFile(path, logger, tag, data);
+  int rc = loadInput(path, ctx, logger, tag, data);
   if (rc != 0) return rc;
   BIO* bio = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
   X509* leaf = bio ? PEM_read_bio_X509(bio, nullptr, nullptr, nullptr) : nullptr;
@@ -147,12 +150,8 @@ int SSLCTXHelper::set_private_key_in_ssl_context(const std::string& path, cert_u
                                                  SSL_CTX** ctx, const std::string& passphrase,
                                                  int fipsMode) {
   static const char tag[] = "SSLCTXHelper::set_private_key_in_ssl_context";
-  if (ctx == nullptr || *ctx == nullptr || path.empty()) {
-    report(logger, tag, "Invalid argument: empty path or no SSL context");
-    return 20;
-  }
   std::string data;
-  int rc = loadFile(path, logger, tag, data);
+  int rc = loadInput(path, ctx, logger, tag, data);
   if (rc != 0) return rc;
   BIO* bio = BIO_new_mem_buf(data.data(), static_cast<int>(data.size()));
   Passphrase pw{&passphrase, false};

@@ -424,13 +424,19 @@ int QXClientCURL::setupCAInfoToNULL() {
                          QXLOG_OPTION, tag);
 }
 
-int QXClientCURL::setSkipPeerHostVerification() {
-  const char* tag = "QXClientCURL::setSkipPeerHostVerification";
-  int rc = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER",
-                           QXLOG_OPTION, tag);
-  int rc2 = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYHOST, 0L, "CURLOPT_SSL_VERIFYHOST",
-                            QXLOG_OPTION, tag);
+namespace {
+// Sets both verification switches; the host option's failure wins when both fail.
+int setVerification(QXClientCURL& c, long peer, long host, const char* tag) {
+  int rc =
+      qxSetCurlOption(c, CURLOPT_SSL_VERIFYPEER, peer, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION, tag);
+  int rc2 =
+      qxSetCurlOption(c, CURLOPT_SSL_VERIFYHOST, host, "CURLOPT_SSL_VERIFYHOST", QXLOG_OPTION, tag);
   return rc2 != 0 ? rc2 : rc;
+}
+}  // namespace
+
+int QXClientCURL::setSkipPeerHostVerification() {
+  return setVerification(*this, 0L, 0L, "QXClientCURL::setSkipPeerHostVerification");
 }
 
 int QXClientCURL::setSkipPeerVerification() {
@@ -445,12 +451,7 @@ int QXClientCURL::setSkipHostVerification() {
 }
 
 int QXClientCURL::setPeerAndHostVerification() {
-  const char* tag = "QXClientCURL::setPeerAndHostVerification";
-  int rc = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 1L, "CURLOPT_SSL_VERIFYPEER",
-                           QXLOG_OPTION, tag);
-  int rc2 = qxSetCurlOption(*this, CURLOPT_SSL_VERIFYHOST, 2L, "CURLOPT_SSL_VERIFYHOST",
-                            QXLOG_OPTION, tag);
-  return rc2 != 0 ? rc2 : rc;
+  return setVerification(*this, 1L, 2L, "QXClientCURL::setPeerAndHostVerification");
 }
 
 int QXClientCURL::setContextFunction(CURLcode (*fn)(CURL*, SSL_CTX*, void*), void* data) {
