@@ -15,8 +15,6 @@
 #include "websvc_tunnel_router.h"
 
 namespace {
-constexpr int STATUS_TOKEN = 5930;
-constexpr int STATUS_503_UNREADABLE = 8625;
 constexpr int64_t DEFAULT_RETRY_WINDOW = 30;
 const char* const TUNNEL_PORT = "1556";
 
@@ -261,8 +259,8 @@ int QXClientCURL::refreshToken() {
   int rc = m_tokenManager ? m_tokenManager->getToken(m_server, token, true, nullptr) : 20;
   if (rc != 0) {
     QXLOG(QXLOG_ERROR, tag) << "Failed to refresh authorization token. Actual Error code :" << rc
-                            << "return code :" << STATUS_TOKEN;
-    return STATUS_TOKEN;
+                            << "return code :" << QX_ERR_TOKEN;
+    return QX_ERR_TOKEN;
   }
   deleteHeaderField("Authorization:");
   addHeaderField("Authorization: ", (m_useBearer ? "Bearer " : "") + token);
@@ -540,8 +538,8 @@ int QXClientCURL::performCurlOperation() {
     if (rc != 0) {
       if (m_sessionType == QXCURL_USE_TOKEN) {
         QXLOG(QXLOG_ERROR, tag) << "Failed to fetch authorization token. Actual Error code " << rc
-                                << "return code :" << STATUS_TOKEN;
-        return STATUS_TOKEN;
+                                << "return code :" << QX_ERR_TOKEN;
+        return QX_ERR_TOKEN;
       }
       // Not even an earlier operation's token goes out.
       deleteHeaderField("Authorization:");
@@ -608,7 +606,7 @@ int QXClientCURL::performCurlOperation() {
       if (extractErrorFromJSON(m_responseBody, errorCode, errorMessage) == 0 && errorCode != 0) {
         return errorCode;
       }
-      return STATUS_503_UNREADABLE;
+      return QX_ERR_SERVICE_UNAVAILABLE;
     }
 
     if (tokenSession && m_tokenManager != nullptr &&
@@ -620,8 +618,8 @@ int QXClientCURL::performCurlOperation() {
       if (trc != 0) {
         if (m_sessionType == QXCURL_USE_TOKEN) {
           QXLOG(QXLOG_ERROR, tag) << "Failed to refresh authorization token. Actual Error code :"
-                                  << trc << "return code :" << STATUS_TOKEN;
-          return STATUS_TOKEN;
+                                  << trc << "return code :" << QX_ERR_TOKEN;
+          return QX_ERR_TOKEN;
         }
         deleteHeaderField("Authorization:");
         continue;

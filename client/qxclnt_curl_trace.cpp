@@ -93,32 +93,61 @@ std::string qxMaskTraceHeaders(const char* data, size_t size) {
   return out;
 }
 
-std::string qxMaskTracePasswords(const char* data, size_t size) {
-  static const std::string kKey = "\"password\"";
+namespace {
+// Members whose values are credentials, compared without letter case; any
+// member whose name ends in "token" counts too (token, accessToken,
+// sessionToken, refreshToken...).
+bool isSecretMember(std::string name) {
+  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  static const char* const kSecrets[] = {"password", "passphrase", "apikey",        "api_key",
+                                         "secret",   "clientsecret", "authorization"};
+  for (const char* k : kSecrets) {
+    if (name == k) return true;
+  }
+  return name.size() >= 5 && name.compare(name.size() - 5, 5, "token") == 0;
+}
+
+// End of the JSON string whose opening quote is at open: the index of its
+// closing quote, or text.size() when it is unterminated.
+size_t stringEnd(const std::string& text, size_t open) {
+  size_t i = open + 1;
+  while (i < text.size() && text[i] != '"') i += text[i] == '\\' ? 2 : 1;
+  return i < text.size() ? i : text.size();
+}
+}  // namespace
+
+std::string qxMaskTraceSecrets(const char* data, size_t size) {
   std::string text(data, size), out;
-  size_t from = 0;
-  for (;;) {
-    size_t key = text.find(kKey, from);
-    if (key == std::string::npos) break;
-    size_t after = key + kKey.size();
-    size_t colon = text.find_first_not_of(" \t\r\n", after);
-    if (colon == std::string::npos || text[colon] != ':') {
-      out += text.substr(from, after - from);
-      from = after;
+  size_t from = 0;  // text[from...] not yet copied
+  size_t i = text.find('"');
+  while (i != std::string::npos) {
+    size_t close = stringEnd(text, i);
+    if (close >= text.size()) break;
+    size_t colon = text.find_first_not_of(" \t\r\n", close + 1);
+    bool key = colon != std::string::npos && text[colon] == ':';
+    if (!key || !isSecretMember(text.substr(i + 1, close - i - 1))) {
+      i = text.find('"', close + 1);
       continue;
     }
-    size_t open = text.find_first_not_of(" \t\r\n", colon + 1);
-    if (open == std::string::npos || text[open] != '"') {
-      out += text.substr(from, colon + 1 - from);
-      from = colon + 1;
-      continue;
+    size_t value = text.find_first_not_of(" \t\r\n", colon + 1);
+    if (value == std::string::npos) break;
+    if (text[value] == '"') {
+      size_t valueEnd = stringEnd(text, value);
+      out += text.substr(from, value + 1 - from) + "***";
+      // An unterminated value is masked to the end: better too much than a leak.
+      if (valueEnd >= text.size()) return out;
+      from = valueEnd;
+      i = text.find('"', valueEnd + 1);
+    } else if (text[value] == '{' || text[value] == '[') {
+      i = text.find('"', value);  // members inside are judged on their own
+    } else {
+      // A number or a word: masked up to the end of the value.
+      size_t valueEnd = text.find_first_of(",}] \t\r\n", value);
+      out += text.substr(from, value - from) + "***";
+      if (valueEnd == std::string::npos) return out;
+      from = valueEnd;
+      i = text.find('"', valueEnd);
     }
-    size_t i = open + 1;
-    while (i < text.size() && text[i] != '"') i += text[i] == '\\' ? 2 : 1;
-    // An unterminated value is masked to the end: better too much than a leak.
-    out += text.substr(from, open + 1 - from) + "***";
-    if (i >= text.size()) return out;
-    from = i;
   }
   out += text.substr(from);
   return out;
@@ -184,7 +213,7 @@ int QXClientCURL::curl_debug_logger(CURL* /*handle*/, curl_infotype type, char* 
   if (!qxLogWanted(QXLOG_PROGRESS)) return 0;
   std::string text = (type == CURLINFO_HEADER_IN || type == CURLINFO_HEADER_OUT)
                          ? qxMaskTraceHeaders(data, size)
-                         : qxMaskTracePasswords(data, size);
+                         : qxMaskTraceSecrets(data, size);
   std::string dump = qxFormatTraceDump(label, text);
   size_t from = 0;
   while (from <= dump.size()) {

@@ -22,9 +22,11 @@ class MaskedHttpHeaders {
 typedef ACE_Singleton<MaskedHttpHeaders, ACE_Recursive_Thread_Mutex> MaskedHttpHeadersSingleton;
 
 // The text of a trace record after masking: header values that are not
-// allowed become " ***", JSON "password" values become "***".
+// allowed become " ***"; the values of JSON members that carry credentials
+// (password, passphrase, apiKey, secret, authorization and every name ending
+// in "token", in any letter case and nesting) become "***".
 std::string qxMaskTraceHeaders(const char* data, size_t size);
-std::string qxMaskTracePasswords(const char* data, size_t size);
+std::string qxMaskTraceSecrets(const char* data, size_t size);
 // Dump lines in the manner of a text-only wire trace, joined with '\n'.
 std::string qxFormatTraceDump(const char* label, const std::string& data);
 #endif

@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   const std::string masked = (data[0] & 1) ? qxMaskTraceHeaders(text.data(), text.size())
-                                           : qxMaskTracePasswords(text.data(), text.size());
+                                           : qxMaskTraceSecrets(text.data(), text.size());
   const std::string dump = qxFormatTraceDump("=> Send header", masked);
   // Every dump line after the heading is an offset and at most 64 characters.
   for (size_t from = dump.find('\n'); from != std::string::npos;) {

@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "qx_safefile.h"
+
 namespace {
 
 void setErr(int* err, int value) {
@@ -32,11 +34,12 @@ int lockFd(int fd, short type, bool wait) {
   }
 }
 
-int openLockFile(const char* path, bool readOnlyOk) {
-  int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
-  if (fd < 0 && readOnlyOk && (errno == EACCES || errno == EROFS)) {
-    fd = open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  }
+// Lock files live in directories others can write: no link is followed and
+// a file that is not our own is replaced rather than locked.
+int openLockFile(const char* path, bool readOnlyOk, int* err) {
+  int e = 0;
+  int fd = qxOpenLockFile(path, readOnlyOk, &e, "ManageLockFile");
+  if (fd < 0) setErr(err, e);
   return fd;
 }
 
@@ -59,11 +62,8 @@ int ManageLockFile(const char* path, int operation, int handle, int* err) {
     setErr(err, QXLOCK_ERR_BAD_ARGUMENT);
     return -1;
   }
-  int fd = openLockFile(path, false);
-  if (fd < 0) {
-    setErr(err, errno);
-    return -1;
-  }
+  int fd = openLockFile(path, false, err);
+  if (fd < 0) return -1;
   if (lockFd(fd, F_WRLCK, false) != 0) {
     int e = errno;
     close(fd);
@@ -79,11 +79,8 @@ int wait_lock(const char* path, int mode, int* err) {
     setErr(err, EINVAL);
     return -1;
   }
-  int fd = openLockFile(path, mode == 0);
-  if (fd < 0) {
-    setErr(err, errno);
-    return -1;
-  }
+  int fd = openLockFile(path, mode == 0, err);
+  if (fd < 0) return -1;
   if (lockFd(fd, mode == 0 ? F_RDLCK : F_WRLCK, true) != 0) {
     int e = errno;
     close(fd);

@@ -317,6 +317,84 @@ TEST_F(TokenCertLoginTest, CertificateToolIsRunWithItsArguments) {
   EXPECT_NE(29, rc);
 }
 
+// Another account that can write the token directory plants files, links
+// and temporaries: none is believed, written through or followed.
+TEST_F(TokenCertLoginTest, PlantedFilesInTheTokenDirectoryAreNeverTrusted) {
+  const bool root = geteuid() == 0;
+  const uid_t other = 65534;
+  auto mgr = manager();
+  const std::string tokenPath = mgr->getTokenFilePath();
+  const std::string lockPath = mgr->getLockFilePath();
+  const std::string victim = this->root().path("victim");
+  enum Plant { FILE_OF_OTHER, BACKOFF_OF_OTHER, WORLD_WRITABLE, LINK, FIFO, LOCK_LINK, LOCK_OF_OTHER,
+               OLD_TEMP_NAME };
+  struct Case {
+    const char* name;
+    Plant plant;
+    bool needsRoot;
+  } cases[] = {
+      {"token owned by another account", FILE_OF_OTHER, true},
+      {"back-off record owned by another account", BACKOFF_OF_OTHER, true},
+      {"token writable by others", WORLD_WRITABLE, false},
+      {"link at the token path", LINK, false},
+      {"FIFO at the token path", FIFO, false},
+      {"link at the lock path", LOCK_LINK, false},
+      {"lock file owned by another account", LOCK_OF_OTHER, true},
+      {"predictable temporary pre-created", OLD_TEMP_NAME, true},
+  };
+  const std::string planted = "eyJplanted.eyJplanted.sig";
+  const std::string oldTemp = tokenPath + "." + std::to_string(getpid()) + ".tmp";
+  for (const Case& c : cases) {
+    if (c.needsRoot && !root) continue;
+    unlink(tokenPath.c_str());
+    unlink(lockPath.c_str());
+    unlink(oldTemp.c_str());
+    ASSERT_TRUE(qxWriteFile(victim, "precious\n"));
+    const std::string record = planted + "\n1\n" + std::to_string(time(nullptr) + 3600) + "\n0\n";
+    switch (c.plant) {
+      case FILE_OF_OTHER:
+      case WORLD_WRITABLE:
+        ASSERT_TRUE(qxWriteFile(tokenPath, record));
+        ASSERT_EQ(0, c.plant == FILE_OF_OTHER ? chown(tokenPath.c_str(), other, other)
+                                              : chmod(tokenPath.c_str(), 0666));
+        break;
+      case BACKOFF_OF_OTHER:
+        ASSERT_TRUE(qxWriteFile(tokenPath, "xxxx\n0\n0\n" + std::to_string(time(nullptr)) + "\n"));
+        ASSERT_EQ(0, chown(tokenPath.c_str(), other, other));
+        break;
+      case LINK:
+        ASSERT_EQ(0, symlink(victim.c_str(), tokenPath.c_str()));
+        break;
+      case FIFO:
+        ASSERT_EQ(0, mkfifo(tokenPath.c_str(), 0600));
+        break;
+      case LOCK_LINK:
+        ASSERT_EQ(0, symlink(victim.c_str(), lockPath.c_str()));
+        break;
+      case LOCK_OF_OTHER:
+        ASSERT_TRUE(qxWriteFile(lockPath, ""));
+        ASSERT_EQ(0, chown(lockPath.c_str(), other, other));
+        break;
+      case OLD_TEMP_NAME:
+        ASSERT_TRUE(qxWriteFile(oldTemp, ""));
+        ASSERT_EQ(0, chown(oldTemp.c_str(), other, other));
+        ASSERT_EQ(0, chmod(oldTemp.c_str(), 0666));
+        break;
+    }
+    std::string token;
+    ASSERT_EQ(0, manager()->getToken("localhost", token, false, nullptr)) << c.name;
+    EXPECT_NE(planted, token) << c.name;
+    EXPECT_EQ("precious\n", qxReadFile(victim)) << c.name;
+    struct stat st;
+    ASSERT_EQ(0, lstat(tokenPath.c_str(), &st)) << c.name;
+    EXPECT_TRUE(S_ISREG(st.st_mode)) << c.name;
+    EXPECT_EQ(geteuid(), st.st_uid) << c.name;
+    EXPECT_EQ(0600u, st.st_mode & 0777) << c.name;
+    EXPECT_EQ(token + "\n", qxReadFile(tokenPath).substr(0, token.size() + 1)) << c.name;
+  }
+  EXPECT_EQ("", qxReadFile(oldTemp));  // never written through
+}
+
 TEST_F(TokenCertLoginTest, ManyProcessesShareOneUntornFile) {
   const int kChildren = 8;
   std::vector<pid_t> pids;

@@ -230,17 +230,25 @@ class ToolTest(unittest.TestCase):
 
     def test_revocation_switches(self):
         eca_args = ("--ca-type", "ECA", "GET", "arvion/ping")
+        eca_bundle = os.path.join(self.host.pki, "eca/cacert.pem")
         self.host.control_call("POST", "config", {"certMode": "revoked"})
         cases = [
             (("--crl-level", "0"), 0, r"^$"),
             # Forgiving a failed check does not forgive a revocation.
             (("--allow-failed-crl",), 3, r"status 9318: "),
+            # A CA bundle of the caller's keeps the request an ECA one: SNI
+            # "ECA" and the revocation check.
+            (("--cacert", eca_bundle), 3, r"status 9318: "),
+            (("--cacert", eca_bundle, "--crl-level", "0"), 0, r"^$"),
         ]
         for args, code, err in cases:
             with self.subTest(args=args):
+                self.host.control_call("POST", "reset")
                 r = self.host.run(*args, *eca_args)
                 self.assertExit(r, code)
                 self.assertRegex(r.stderr, err)
+                if code == 0:
+                    self.assertEqual(["ECA"], [q["sni"] for q in self.host.requests()])
 
         # Without the certificate map's CRL, only --crl or a download can
         # supply one, and the distribution point never answers.

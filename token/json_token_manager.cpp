@@ -182,7 +182,7 @@ int writeServerCertsOpsJson(const std::map<std::string, std::string>& members,
     QXLOG(QXLOG_ERROR, tag) << "Unable to set the json key server";
     return fail();
   }
-  return dumpInto(root.get(), out, tag, "Unable to dump json to the output.", QX_ERR_JSON_DUMP);
+  return dumpInto(root.get(), out, tag, "Unable to dump json to the output.", QX_ERR_WRITE);
 }
 
 int extractRenewReqdFromJSON(const std::string& json, int& renewRequired) {

@@ -16,6 +16,7 @@
 #include "qx_log.h"
 #include "qx_process.h"
 #include "qx_root.h"
+#include "qx_safefile.h"
 #include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
@@ -56,17 +57,6 @@ bool parseSeconds(const std::string& s, int64_t& value) {
   long long v = strtoll(s.c_str(), &end, 10);
   if (errno != 0 || end == nullptr || *end != '\0') return false;
   value = v;
-  return true;
-}
-
-bool writeAll(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
   return true;
 }
 
@@ -205,34 +195,19 @@ int LoginWithCertManager::getLocalToken(jwtToken& token) {
 // Throws 13 for a file that cannot be read or cannot be trusted.
 void LoginWithCertManager::readTokenFile(jwtToken& token) {
   static const char* tag = "LoginWithCertManager::getLocalToken";
-  int fd = open(m_tokenFilePath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) {
+  std::string text;
+  QXFileTrust trust = qxReadTrusted(m_tokenFilePath, kMaxTokenFileSize, text);
+  if (trust == QX_FILE_IO_ERROR || trust == QX_FILE_ABSENT) {
     QXLOG(QXLOG_ERROR, tag) << "File " << m_tokenFilePath
                             << " exists, but could not be opened for reading";
-    throw 13;
+    throw QX_ERR_FILE_OPEN;
   }
-  std::string text;
-  struct stat st;
-  bool trusted = fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 022) == 0 &&
-                 static_cast<size_t>(st.st_size) <= kMaxTokenFileSize;
-  if (trusted) {
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fd, buf, sizeof buf)) != 0) {
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0 || text.size() + static_cast<size_t>(n) > kMaxTokenFileSize) {
-        trusted = false;
-        break;
-      }
-      text.append(buf, static_cast<size_t>(n));
-    }
-  }
-  close(fd);
-  if (!trusted) {
-    // Writable by others means anyone could plant a token: not used.
-    QXLOG(QXLOG_ERROR, tag) << "File " << m_tokenFilePath
-                            << " is not a private regular file or could not be read";
-    throw 13;
+  if (trust != QX_FILE_OK) {
+    // Planted by another account, or writable by one: its token or back-off
+    // record is never used; the next save replaces it.
+    QXLOG(QXLOG_ERROR, tag) << "File " << m_tokenFilePath << " is " << qxFileTrustText(trust)
+                            << "; ignored";
+    throw QX_ERR_FILE_OPEN;
   }
 
   std::vector<std::string> lines;
@@ -303,23 +278,16 @@ int LoginWithCertManager::saveNewToken(const jwtToken& token) {
        << token.tokenExpTimeSec << "\n"
        << token.tokenLastFailTimeSec << "\n";
 
-  // Written whole to a private temporary file and renamed into place, so a
-  // reader or a crash never sees half a record.
-  const std::string tmpPath = m_tokenFilePath + "." + std::to_string(getpid()) + ".tmp";
+  // Written whole to a private temporary file (mkstemp) and renamed into
+  // place, so a reader or a crash never sees half a record and a name planted
+  // by another account is never written through.
   mode_t oldMask = umask(0177);
-  bool ok = false;
-  int fd = open(tmpPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd >= 0) {
-    ok = fchmod(fd, 0600) == 0 && writeAll(fd, body.str());
-    ok = close(fd) == 0 && ok;
-    ok = ok && rename(tmpPath.c_str(), m_tokenFilePath.c_str()) == 0;
-    if (!ok) unlink(tmpPath.c_str());
-  }
+  int err = qxReplaceFile(m_tokenFilePath, body.str(), 0600);
   umask(oldMask);
-  if (!ok) {
+  if (err != 0) {
     QXLOG(QXLOG_ERROR, tag) << "File " << m_tokenFilePath
                             << " could not be updated with the new token";
-    return QX_ERR_FILE_WRITE;
+    return QX_ERR_WRITE;
   }
   QXLOG(QXLOG_PROGRESS, tag) << "tokenIssueTimeSec = " << token.tokenIssueTimeSec
                              << ", tokenExpTimeSec = " << token.tokenExpTimeSec

@@ -6,7 +6,6 @@
 #include "qx_status.h"
 
 namespace {
-constexpr int kLockNotTaken = 158;
 
 void realSleep(int seconds) {
   if (seconds > 0) sleep(static_cast<unsigned>(seconds));
@@ -65,9 +64,9 @@ int QXTFLock::lock(const char* path, int mode) {
   if (path == nullptr || (mode != 0 && mode != 1)) return QX_ERR_BAD_ARGUMENT;
   int err = 0;
   m_handle = wait_lock(path, mode, &err);
-  if (m_handle == -1) return kLockNotTaken;
+  if (m_handle == -1) return QX_ERR_LOCK;
   // A handle that came with an error is kept so that unlock() releases it.
-  return err == 0 ? 0 : kLockNotTaken;
+  return err == 0 ? 0 : QX_ERR_LOCK;
 }
 
 void QXTFLock::unlock() {
@@ -79,7 +78,7 @@ void QXTFLock::unlock() {
 
 QXTFLockHelper::QXTFLockHelper(QXTFLock* lock, const char* path, int mode, int* status)
     : m_lock(lock) {
-  int result = m_lock != nullptr ? m_lock->lock(path, mode) : kLockNotTaken;
+  int result = m_lock != nullptr ? m_lock->lock(path, mode) : QX_ERR_LOCK;
   if (status != nullptr) *status = result;
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "qx_status.h"
 #include "qx_types.h"
 #include "qxclnt_curl_constants.h"
 #include "qxcurl_export.h"

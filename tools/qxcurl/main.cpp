@@ -316,6 +316,10 @@ int applyTlsOptions(const Options& o, QXClientCURL& c) {
   if (!o.cert.empty()) {
     rc = c.setAssortedCurlPKIParams(loadType, o.cacert, true, o.crl, o.cert, o.key, "",
                                     o.passphraseFile);
+  } else if (loadType == CA_LOAD_FORCE_ECA) {
+    // The custom-CA setter would fall back to the configured CA kind: an ECA
+    // request must keep its SNI marker and its revocation check.
+    rc = c.setAssortedCurlPKIParams(loadType, o.cacert, false, o.crl, "", "", "", "");
   } else if (!o.cacert.empty()) {
     rc = c.setCustomCAPath(o.cacert, o.caType);
   }
