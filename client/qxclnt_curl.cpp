@@ -9,12 +9,12 @@
 #include <sstream>
 
 #include "client/qxclnt_curl_option.h"
-#include "login_with_cert_manager.h"
 #include "prefnet/qxclnt_prefnet.h"
 #include "qx_config.h"
 #include "qx_log.h"
 #include "qx_root.h"
 #include "qx_util.h"
+#include "token/token_factory.h"
 #include "websvc_tunnel_router.h"
 
 bool QXClientCURL::gAppControlledInitCleanup = false;
@@ -119,98 +119,88 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
     QXLOG(QXLOG_ERROR, tag) << "Curl initialization failed ...";
     throw 103;
   }
-  bool createdTokenManager = false;
-  try {
-    applyHandleDefaults();
+  applyHandleDefaults();
 
-    // Default trust and key locations of an installation, when the caller
-    // named none.
-    if (m_trustStorePath.empty() && m_keyPath.empty() && !installPath.empty()) {
-      if (m_caType == "QXCA") m_trustStorePath = installPath + "/var/webtruststore/cacert.pem";
-      QXLOG(QXLOG_ERROR, tag) << "Non-existent private key path accessed. " << PRIV_KEY_SUFFIX;
-      m_keyPath = installPath + PRIV_KEY_SUFFIX;
-    }
-    m_CACertPath = m_trustStorePath;
-    applyTimeoutDefaults();
-
-    m_httpCode = 0;
-    m_peerVerificationFlag = true;
-    m_allowFailedCrlCheck = false;
-    m_crlDownload = true;
-    unsigned int level = 1;
-    if (getCrlCheckLevelFromConfig(&level) != 0) {
-      QXLOG(QXLOG_ERROR, tag)
-          << "failed to get CRL check level from configuration file, setting to default";
-      level = 1;
-    }
-    m_crlCheckLevel = level;
-
-    if (qxcurl_bpconf_keyvalue_state("ENABLE_QXCURL_VERBOSE", false)) setCurlVerbose();
-
-    if (tokenManager != nullptr) {
-      m_tokenManager = tokenManager;
-      m_ownsTokenManager = ownsTokenManager;
-    } else {
-      std::ostringstream tokenFile, lockFile;
-      LoginWithCertManager::setJWTFilePaths(server, certType, tokenFile, lockFile,
-                                            is_current_user_configured_service_admin(0));
-      m_tokenManager =
-          new LoginWithCertManager(port, certType, qxRootPath("/usr/tarvo/tmp"), tokenFile.str(),
-                                   lockFile.str(), skipTrustProcessing);
-      m_ownsTokenManager = true;
-      createdTokenManager = true;
-    }
-
-    if (applySessionTLSParams() != 0) {
-      QXLOG(QXLOG_DETAIL, tag) << "FAILED to set cURL params for https.";
-    }
-    if (sessionType == QXCURL_GET_NEW_TOKEN) {
-      m_tokenManager->setupCurlOption(this);
-      QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_GET_NEW_TOKEN session type";
-    } else if (sessionType == QXCURL_USE_TPCA_CERT) {
-      QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_USE_TPCA_CERT session type";
-    }
-
-    m_connectionsDisabled = qxcurl_bpconf_keyvalue_state("DISABLE_QXCURL_CONNECTIONS", false);
-    m_preferredNetworksDisabled =
-        qxcurl_bpconf_keyvalue_state("DISABLE_QXCURL_PREFERRED_NETWORKS", false);
-    m_tunnelRouter = new QXWebsvcTunnelRouter();
-    m_connector =
-        new qxclnt_curl_prefnet(m_connectHost, static_cast<unsigned>(port), CONNECTOR_TIMEOUT);
-    m_connectorTimeout = CONNECTOR_TIMEOUT;
-    m_retrying = false;
-    m_retryCount = 0;
-    if (m_connectionTimeout == 0) {
-      m_connectionTimeout = m_tunnelRouter->getWebServerConnectTimeout();
-      if (m_connectionTimeout == 0) m_connectionTimeout = DEFAULT_RETRY_WINDOW;
-    }
-    m_triedTunnels.clear();
-  } catch (...) {
-    // The destructor does not run for a half-built object. A supplied
-    // manager stays with the caller, who still holds it.
-    if (createdTokenManager) delete m_tokenManager;
-    delete m_tunnelRouter;
-    delete m_connector;
-    curl_slist_free_all(m_headerList);
-    curl_easy_cleanup(m_curlHandle);
-    throw;
+  // Default trust and key locations of an installation, when the caller
+  // named none.
+  if (m_trustStorePath.empty() && m_keyPath.empty() && !installPath.empty()) {
+    if (m_caType == "QXCA") m_trustStorePath = installPath + "/var/webtruststore/cacert.pem";
+    QXLOG(QXLOG_ERROR, tag) << "Non-existent private key path accessed. " << PRIV_KEY_SUFFIX;
+    m_keyPath = installPath + PRIV_KEY_SUFFIX;
   }
+  m_CACertPath = m_trustStorePath;
+  applyTimeoutDefaults();
+
+  m_httpCode = 0;
+  m_peerVerificationFlag = true;
+  m_allowFailedCrlCheck = false;
+  m_crlDownload = true;
+  unsigned int level = 1;
+  if (getCrlCheckLevelFromConfig(&level) != 0) {
+    QXLOG(QXLOG_ERROR, tag)
+        << "failed to get CRL check level from configuration file, setting to default";
+    level = 1;
+  }
+  m_crlCheckLevel = level;
+
+  if (qxcurl_bpconf_keyvalue_state("ENABLE_QXCURL_VERBOSE", false)) setCurlVerbose();
+
+  // A supplied manager becomes ours (when the caller says so) only at the
+  // end: a constructor that throws leaves it with the caller.
+  if (tokenManager != nullptr) {
+    m_tokenManager = tokenManager;
+  } else {
+    m_tokenManager = qxNewCertLoginManager(server, port, certType, skipTrustProcessing).release();
+    m_ownsTokenManager = true;
+  }
+
+  if (applySessionTLSParams() != 0) {
+    QXLOG(QXLOG_DETAIL, tag) << "FAILED to set cURL params for https.";
+  }
+  if (sessionType == QXCURL_GET_NEW_TOKEN) {
+    m_tokenManager->setupCurlOption(this);
+    QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_GET_NEW_TOKEN session type";
+  } else if (sessionType == QXCURL_USE_TPCA_CERT) {
+    QXLOG(QXLOG_PROGRESS, tag) << "Done Curl related setup for QXCURL_USE_TPCA_CERT session type";
+  }
+
+  m_connectionsDisabled = qxcurl_bpconf_keyvalue_state("DISABLE_QXCURL_CONNECTIONS", false);
+  m_preferredNetworksDisabled =
+      qxcurl_bpconf_keyvalue_state("DISABLE_QXCURL_PREFERRED_NETWORKS", false);
+  m_tunnelRouter = new QXWebsvcTunnelRouter();
+  m_connector =
+      new qxclnt_curl_prefnet(m_connectHost, static_cast<unsigned>(port), CONNECTOR_TIMEOUT);
+  m_connectorTimeout = CONNECTOR_TIMEOUT;
+  m_retrying = false;
+  m_retryCount = 0;
+  if (m_connectionTimeout == 0) {
+    m_connectionTimeout = m_tunnelRouter->getWebServerConnectTimeout();
+    if (m_connectionTimeout == 0) m_connectionTimeout = DEFAULT_RETRY_WINDOW;
+  }
+  m_triedTunnels.clear();
+  if (tokenManager != nullptr) m_ownsTokenManager = ownsTokenManager;
 }
 
-QXClientCURL::~QXClientCURL() {
-  curl_slist_free_all(m_headerList);
-  m_headerList = nullptr;
-  curl_slist_free_all(m_resolveList);
-  m_resolveList = nullptr;
-  QXLOG(QXLOG_PROGRESS, "QXClientCURL::~QXClientCURL") << "Performing curl_easy_cleanup()";
-  curl_easy_cleanup(m_curlHandle);
-  m_curlHandle = nullptr;
-  if (m_ownsTokenManager) delete m_tokenManager;
-  m_tokenManager = nullptr;
-  delete m_tunnelRouter;
-  m_tunnelRouter = nullptr;
-  delete m_connector;
-  m_connector = nullptr;
+QXClientCURL::~QXClientCURL() = default;
+
+// Runs when the client goes, and also when its constructor throws half way
+// (declared last, it is destroyed first, while every other member is alive).
+QXClientCURL::Releaser::~Releaser() {
+  curl_slist_free_all(c.m_headerList);
+  c.m_headerList = nullptr;
+  curl_slist_free_all(c.m_resolveList);
+  c.m_resolveList = nullptr;
+  if (c.m_curlHandle != nullptr) {
+    QXLOG(QXLOG_PROGRESS, "QXClientCURL::~QXClientCURL") << "Performing curl_easy_cleanup()";
+    curl_easy_cleanup(c.m_curlHandle);
+    c.m_curlHandle = nullptr;
+  }
+  if (c.m_ownsTokenManager) delete c.m_tokenManager;
+  c.m_tokenManager = nullptr;
+  delete c.m_tunnelRouter;
+  c.m_tunnelRouter = nullptr;
+  delete c.m_connector;
+  c.m_connector = nullptr;
 }
 
 // TLS parameters by session type.

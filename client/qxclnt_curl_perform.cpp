@@ -6,7 +6,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "json_token_manager.h"
+#include "client/qxclnt_retry.h"
+#include "qx_json.h"
 #include "prefnet/qxclnt_prefnet.h"
 #include "qx_log.h"
 #include "qx_util.h"
@@ -18,7 +19,10 @@ namespace {
 constexpr int64_t DEFAULT_RETRY_WINDOW = 30;
 const char* const TUNNEL_PORT = "1556";
 
-enum NextAction { STOP = 0, RETRY_DIRECT = 1, NEXT_SILENT = 2, RETRY_TUNNEL = 3, NEXT_TUNNEL = 4 };
+using qxretry::NEXT_SILENT;
+using qxretry::NEXT_TUNNEL;
+using qxretry::RETRY_DIRECT;
+using qxretry::STOP;
 
 // Post sends line ends escaped; the web service expects them that way.
 std::string escapeLineEnds(const std::string& payload) {
@@ -304,18 +308,9 @@ int QXClientCURL::getNextConnectionRetryTime() {
 void QXClientCURL::populateTimerQueue(int seconds) {
   if (seconds <= 0) return;
   std::srand(static_cast<unsigned>(T_time()));
-  int count, interval, remainder;
-  if (seconds / 5 > 10) {
-    count = 10;
-    interval = seconds / 10;
-    remainder = seconds % 10;
-  } else {
-    count = seconds / 5;
-    interval = 5;
-    remainder = seconds % 5;
-  }
-  generateRandomSleep(count, interval);
-  if (remainder != 0) m_retryTimerQueue.push(remainder);
+  qxretry::Plan p = qxretry::plan(seconds);
+  generateRandomSleep(p.count, p.interval);
+  if (p.remainder != 0) m_retryTimerQueue.push(p.remainder);
 }
 
 // Each retry lands at a random second inside its own interval; the queue
@@ -323,13 +318,8 @@ void QXClientCURL::populateTimerQueue(int seconds) {
 void QXClientCURL::generateRandomSleep(int count, int interval) {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::generateRandomSleep")
       << "NoOfRetry:[" << count << "], RetryInterval:[" << interval << "]";
-  if (interval <= 0) return;
-  int previous = 0;
-  for (int i = 0; i < count; ++i) {
-    int moment = 1 + i * interval + std::rand() % interval;
-    m_retryTimerQueue.push(moment - previous);
-    previous = moment;
-  }
+  for (int gap : qxretry::randomGaps(count, interval, [] { return std::rand(); }))
+    m_retryTimerQueue.push(gap);
 }
 
 // One step of the retry window: 0 when it is closed (retries stopped).
@@ -352,87 +342,9 @@ int QXClientCURL::retryUnderWindow() {
 }
 
 int QXClientCURL::decideNextConnectRetryAction(int status, bool tunnelUsed) {
-  const char* tag = "QXClientCURL::decideNextConnectRetryAction";
-  const int64_t code = m_httpCode;
-  const int ce = m_curlError;
-  const bool t = tunnelUsed;
-  QXLOG(QXLOG_PROGRESS, tag) << "qxErrorCode = " << status << " | curl error = " << ce
-                             << " | m_httpCode = " << code << " | tunnelUsed = " << t;
-
-  auto rule9 = [&]() -> int {
-    if (status == 8509) return t ? NEXT_TUNNEL : STOP;
-    if (ce == CURLE_COULDNT_RESOLVE_PROXY && t && status == 8503) return NEXT_TUNNEL;
-    return STOP;
-  };
-  auto rule8 = [&]() -> int {
-    if (code != 502 && code != 504 && ce == CURLE_RECV_ERROR) {
-      if (status == 42 && t) {
-        QXLOG(QXLOG_PROGRESS, tag) << "Tunnel is down. m_httpCode = " << code;
-        return NEXT_TUNNEL;
-      }
-      return rule9();
-    }
-    if (ce == CURLE_COULDNT_CONNECT) {
-      if (t && status == 8500) return NEXT_TUNNEL;
-      if (status == 8509) return t ? NEXT_TUNNEL : STOP;
-      return STOP;
-    }
-    return rule9();
-  };
-  auto rule7 = [&]() -> int {
-    if (ce == CURLE_PEER_FAILED_VERIFICATION) {
-      if (t && status == 8504) return NEXT_TUNNEL;
-      return rule9();
-    }
-    return rule8();
-  };
-  auto rule6 = [&]() -> int {
-    if (code == 502 || code == 504) {
-      if (ce != CURLE_RECV_ERROR) return rule7();
-      if (status == 42 && t) {
-        if (isTunnelConnectedToRightMaster()) {
-          QXLOG(QXLOG_PROGRESS, tag) << "Host is down. m_httpCode = " << code;
-          return STOP;
-        }
-        QXLOG(QXLOG_PROGRESS, tag)
-            << "Host is down; but it's possibly a wrong Master server. m_httpCode = " << code;
-        return NEXT_TUNNEL;
-      }
-      return rule8();
-    }
-    return rule7();
-  };
-  auto rule5 = [&]() -> int {
-    if (status == 26 && t) {
-      if (isTunnelConnectedToRightMaster()) {
-        QXLOG(QXLOG_PROGRESS, tag) << "QbPBX/QXU on host is down.";
-        return RETRY_TUNNEL;
-      }
-      QXLOG(QXLOG_PROGRESS, tag)
-          << "QbPBX/QXU on host is down; but it's possibly a wrong Master server.";
-      return NEXT_TUNNEL;
-    }
-    return rule8();
-  };
-  auto decide = [&]() -> int {
-    if (code == 503) return t ? RETRY_TUNNEL : RETRY_DIRECT;
-    if (ce == CURLE_SSL_CONNECT_ERROR) {
-      if (!t && status == 26) return STOP;
-      if (code == 400) return STOP;
-      if (code == 200) return rule5();
-      return rule6();
-    }
-    if (code == 400) return STOP;
-    if (ce == CURLE_COULDNT_CONNECT) {
-      if (!t && status == 8500) return NEXT_SILENT;
-      return rule7();
-    }
-    if (code == 200) return rule7();
-    return rule6();
-  };
-  int action = decide();
-  QXLOG(QXLOG_PROGRESS, tag) << "Recommended next action = " << action;
-  return action;
+  return qxretry::decideNextAction(qxretry::Attempt{status, m_curlError, m_httpCode, tunnelUsed},
+                                   [this] { return isTunnelConnectedToRightMaster(); },
+                                   "QXClientCURL::decideNextConnectRetryAction");
 }
 
 // ---- perform ----

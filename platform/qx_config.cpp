@@ -14,6 +14,8 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <pwd.h>
+#include <vector>
 
 #include "qx_log.h"
 #include "qx_root.h"
@@ -167,9 +169,40 @@ std::shared_ptr<const QXMasterConfig> qxParseMasterConfig(const std::string& tex
   return cfg;
 }
 
+std::shared_ptr<const QXMasterConfig> qxLoadMasterConfigUnlogged(int* status);
+
 std::string qxMasterConfigPath() { return qxInstallRoot() + "/arvion/arvion.conf"; }
 
+namespace {
+// Hands the configuration's log settings to the logger when the
+// configuration handed out changes.
+const std::shared_ptr<const QXMasterConfig>& pushLogSettings(
+    const std::shared_ptr<const QXMasterConfig>& cfg) {
+  // The last one handed over is kept alive, so a new one never shares its
+  // address and goes unnoticed.
+  static std::mutex s_mutex;
+  static std::shared_ptr<const QXMasterConfig> s_pushed;
+  {
+    std::lock_guard<std::mutex> guard(s_mutex);
+    if (s_pushed == cfg) return cfg;
+    s_pushed = cfg;
+  }
+  std::string dest, level;
+  if (bpconfGetKeyValue(cfg.get(), "QXCURL_LOG", dest) == 0) {
+    dest = trim(dest);
+    if (!dest.empty() && dest != "stderr" && dest[0] != '/') dest = qxInstallRoot() + "/" + dest;
+  }
+  bpconfGetKeyValue(cfg.get(), "QXCURL_LOG_LEVEL", level);
+  qxLogConfigure(dest, level);
+  return cfg;
+}
+}  // namespace
+
 std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status) {
+  return pushLogSettings(qxLoadMasterConfigUnlogged(status));
+}
+
+std::shared_ptr<const QXMasterConfig> qxLoadMasterConfigUnlogged(int* status) {
   if (status != nullptr) *status = 0;
   FileKey key;
   key.path = qxMasterConfigPath();
@@ -446,3 +479,30 @@ void qxconf_free_info(qxconf_info** info) {
   delete *info;
   *info = nullptr;
 }
+
+int IsFeatureEnabled_c(int feature) {
+  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
+  std::string key = "FEATURE_" + std::to_string(feature);
+  bool on = false;
+  return bpconfGetKeyValPairAsBool(cfg.get(), key.c_str(), &on) == 0 && on ? 1 : 0;
+}
+
+int is_current_user_configured_service_admin(int /*reserved*/) {
+  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
+  std::string user;
+  if (bpconfGetKeyValue(cfg.get(), "SERVICE_USER", user) != 0 || user.empty()) return 0;
+  uid_t euid = geteuid();
+
+  bool numeric = user.find_first_not_of("0123456789") == std::string::npos && user.size() < 10;
+  if (numeric) return static_cast<uid_t>(std::strtoul(user.c_str(), nullptr, 10)) == euid;
+
+  long bufSize = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buf(bufSize > 0 ? static_cast<size_t>(bufSize) : 16384);
+  struct passwd pw;
+  struct passwd* found = nullptr;
+  if (getpwnam_r(user.c_str(), &pw, buf.data(), buf.size(), &found) != 0 || found == nullptr) {
+    return 0;
+  }
+  return found->pw_uid == euid ? 1 : 0;
+}
+

@@ -69,4 +69,14 @@ std::shared_ptr<const QXMasterConfig> qxParseMasterConfig(const std::string& tex
                                                           const std::string& origin);
 // Yes/no word to bool: 0, or 2 when text is not one of the words.
 int qxParseYesNo(const std::string& text, bool* value);
+
+// Feature switches: "FEATURE_<n>" yes/no keys of the master configuration
+// (switch 1: API keys and in-memory external-CA material). 1 on, 0 off.
+int IsFeatureEnabled_c(int feature);
+
+// Non-zero when the calling user is the configured service administrator:
+// the configuration key SERVICE_USER names a user whose uid equals the
+// effective uid. The argument is reserved and ignored.
+int is_current_user_configured_service_admin(int reserved);
+
 #endif

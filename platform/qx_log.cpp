@@ -14,8 +14,6 @@
 #include <memory>
 #include <mutex>
 
-#include "qx_config.h"
-#include "qx_root.h"
 #include "qx_util.h"
 
 namespace {
@@ -31,6 +29,12 @@ std::mutex g_refreshMutex;
 QXLogSink g_sink;
 std::string g_destName;  // "", "stderr" or a path
 int g_destFd = -1;       // owned when g_destName is a path
+
+// What the master configuration says (pushed by the configuration service);
+// the environment wins over it.
+std::mutex g_confMutex;
+std::string g_confDest;
+std::string g_confLevel;
 
 thread_local int t_inSink = 0;           // a sink that logs does not recurse forever
 thread_local bool t_refreshing = false;  // configuration parsing logs while we refresh
@@ -69,19 +73,10 @@ void refresh() {
   std::string dest, level;
   const char* envDest = std::getenv("QXCURL_LOG");
   const char* envLevel = std::getenv("QXCURL_LOG_LEVEL");
-  if (envDest != nullptr) dest = envDest;
-  if (envLevel != nullptr) level = envLevel;
-  if (envDest == nullptr || envLevel == nullptr) {
-    int status = 0;
-    std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(&status);
-    std::string v;
-    if (envDest == nullptr && bpconfGetKeyValue(cfg.get(), "QXCURL_LOG", v) == 0) {
-      dest = trim(v);
-      if (!dest.empty() && dest != "stderr" && dest[0] != '/') {
-        dest = qxInstallRoot() + "/" + dest;
-      }
-    }
-    if (envLevel == nullptr && bpconfGetKeyValue(cfg.get(), "QXCURL_LOG_LEVEL", v) == 0) level = v;
+  {
+    std::lock_guard<std::mutex> conf(g_confMutex);
+    dest = envDest != nullptr ? envDest : g_confDest;
+    level = envLevel != nullptr ? envLevel : g_confLevel;
   }
   t_refreshing = false;
   dest = trim(dest);
@@ -178,6 +173,16 @@ void qxSetLogSink(QXLogSink sink) {
   std::lock_guard<std::recursive_mutex> out(g_outMutex);
   g_sink = std::move(sink);
   g_sinkSet.store(static_cast<bool>(g_sink), std::memory_order_relaxed);
+}
+
+void qxLogConfigure(const std::string& dest, const std::string& level) {
+  {
+    std::lock_guard<std::mutex> conf(g_confMutex);
+    if (dest == g_confDest && level == g_confLevel) return;
+    g_confDest = dest;
+    g_confLevel = level;
+  }
+  g_nextRefresh.store(0, std::memory_order_relaxed);
 }
 
 void qxLogReconfigure() {

@@ -13,9 +13,10 @@ constexpr int QXLOG_CATEGORY = 5;
 
 // Quiet by default. QXCURL_LOG ("stderr" or a file path) turns output on;
 // QXCURL_LOG_LEVEL (2, 4, 8 or 16) drops messages below that level (default 2).
-// The master configuration keys QXCURL_LOG and QXCURL_LOG_LEVEL are read when
-// the environment says nothing. One line per message: time, pid, level,
-// category, tag, text.
+// The master configuration's keys of the same names apply when the
+// environment says nothing (the configuration service hands them over with
+// qxLogConfigure: the logger never reads the configuration itself). One line
+// per message: time, pid, level, category, tag, text.
 void logmsg(int level, int category, const char* tag, const char* text);
 void logmsgf(int level, int category, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
@@ -56,7 +57,11 @@ using QXLogSink =
     std::function<void(int level, int category, const std::string& tag, const std::string& text)>;
 void qxSetLogSink(QXLogSink sink);
 
-// Reads QXCURL_LOG and QXCURL_LOG_LEVEL (environment, then configuration) now
-// instead of at the next once-a-second refresh.
+// The destination and threshold the master configuration names ("" when it
+// names none; dest already absolute or "stderr"). Takes effect at the next
+// message.
+void qxLogConfigure(const std::string& dest, const std::string& level);
+// Reads QXCURL_LOG and QXCURL_LOG_LEVEL (environment, then what the
+// configuration handed over) now instead of at the next once-a-second refresh.
 void qxLogReconfigure();
 #endif

@@ -1,16 +1,11 @@
 #include "qx_util.h"
 
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cctype>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <vector>
-
-#include "qx_config.h"
 
 namespace {
 // Value of the dotted part at s, advancing past it and its dot. Leading
@@ -98,32 +93,6 @@ std::string get_exe_basename() {
   size_t slash = path.rfind('/');
   std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
   return base.empty() ? "unknown" : base;
-}
-
-int IsFeatureEnabled_c(int feature) {
-  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
-  std::string key = "FEATURE_" + std::to_string(feature);
-  bool on = false;
-  return bpconfGetKeyValPairAsBool(cfg.get(), key.c_str(), &on) == 0 && on ? 1 : 0;
-}
-
-int is_current_user_configured_service_admin(int /*reserved*/) {
-  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
-  std::string user;
-  if (bpconfGetKeyValue(cfg.get(), "SERVICE_USER", user) != 0 || user.empty()) return 0;
-  uid_t euid = geteuid();
-
-  bool numeric = user.find_first_not_of("0123456789") == std::string::npos && user.size() < 10;
-  if (numeric) return static_cast<uid_t>(std::strtoul(user.c_str(), nullptr, 10)) == euid;
-
-  long bufSize = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> buf(bufSize > 0 ? static_cast<size_t>(bufSize) : 16384);
-  struct passwd pw;
-  struct passwd* found = nullptr;
-  if (getpwnam_r(user.c_str(), &pw, buf.data(), buf.size(), &found) != 0 || found == nullptr) {
-    return 0;
-  }
-  return found->pw_uid == euid ? 1 : 0;
 }
 
 namespace {

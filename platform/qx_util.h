@@ -1,5 +1,7 @@
+// Small helpers with no state and no dependency on any other platform service.
 #ifndef QX_UTIL_H
 #define QX_UTIL_H
+#include <cstddef>
 #include <string>
 
 // Dotted-number version comparison ("5.0" < "6.0" < "10.0"; "6" == "6.0"):
@@ -14,15 +16,6 @@ std::string mask_jwt(const std::string& text);
 // Base name of the running executable ("qxcurl"), from /proc/self/exe, or
 // "unknown".
 std::string get_exe_basename();
-
-// Feature switches: "FEATURE_<n>" yes/no keys of the master configuration
-// (switch 1: API keys and in-memory external-CA material). 1 on, 0 off.
-int IsFeatureEnabled_c(int feature);
-
-// Non-zero when the calling user is the configured service administrator:
-// the configuration key SERVICE_USER names a user whose uid equals the
-// effective uid. The argument is reserved and ignored.
-int is_current_user_configured_service_admin(int reserved);
 
 // The process's message locale ("fr_FR.UTF-8" gives "fr_FR.UTF-8"): LC_ALL,
 // LC_MESSAGES, LANG in that order, else "C". Copies into each non-null buffer

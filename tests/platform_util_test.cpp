@@ -8,6 +8,7 @@
 
 #include "qx_status.h"
 #include "qx_test_env.h"
+#include "qx_config.h"
 #include "qx_util.h"
 #include "qx_wnet.h"
 

@@ -9,6 +9,7 @@
 
 #include "client/qxclnt_curl_option.h"
 #include "qx_certmap.h"
+#include "qx_config.h"
 #include "qx_log.h"
 #include "qx_root.h"
 #include "qx_util.h"

@@ -13,6 +13,7 @@
 #include "json_token_manager.h"
 #include "qx_certmap.h"
 #include "qx_lock_file.h"
+#include "qx_config.h"
 #include "qx_log.h"
 #include "qx_process.h"
 #include "qx_root.h"
@@ -20,6 +21,7 @@
 #include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
+#include "token/token_factory.h"
 #include "token_guard.h"
 
 namespace {
@@ -459,4 +461,15 @@ int LoginWithCertManager::performCertOperations(const std::string& server,
     return rc;
   }
   return 0;
+}
+
+std::unique_ptr<TokenManager_Base> qxNewCertLoginManager(const std::string& server, int port,
+                                                         cert_type certType,
+                                                         bool skipTrustProcessing) {
+  std::ostringstream tokenFile, lockFile;
+  LoginWithCertManager::setJWTFilePaths(server, certType, tokenFile, lockFile,
+                                        is_current_user_configured_service_admin(0));
+  return std::make_unique<LoginWithCertManager>(port, certType, qxRootPath("/usr/tarvo/tmp"),
+                                                tokenFile.str(), lockFile.str(),
+                                                skipTrustProcessing);
 }

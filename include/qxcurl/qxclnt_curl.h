@@ -338,6 +338,13 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int setCurlOptionLogged(CURLoption option, long value, const char* name, int level = 8);
   int setCurlOptionLogged(CURLoption option, const char* value, const char* name, int level = 8);
   int setCurlOptionLogged(CURLoption option, void* value, const char* name, int level = 8);
+
+ private:
+  struct Releaser {
+    QXClientCURL& c;
+    ~Releaser();
+  };
+  Releaser m_releaser{*this};  // keep last
 };
 
 class QX_API QXClientCURLFactory : public QXClientCURL_BaseFactory {
