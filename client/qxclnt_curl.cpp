@@ -13,6 +13,7 @@
 #include "qx_config.h"
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_status.h"
 #include "qx_util.h"
 #include "token/token_factory.h"
 #include "websvc_tunnel_router.h"
@@ -97,15 +98,15 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
 
   if (server.empty()) {
     QXLOG(QXLOG_ERROR, tag) << "server name should not be null";
-    throw 20;
+    throw QX_ERR_BAD_ARGUMENT;
   }
   if (port < 1) {
     QXLOG(QXLOG_ERROR, tag) << "port number should not be zero or negative";
-    throw 20;
+    throw QX_ERR_BAD_ARGUMENT;
   }
   if (sessionType < QXCURL_INSECURE || sessionType > QXCURL_USE_TPCA_CERT) {
     QXLOG(QXLOG_ERROR, tag) << "Invalid QXCURL session type";
-    throw 20;
+    throw QX_ERR_BAD_ARGUMENT;
   }
   m_connectHost = server;
   m_server_url = "https://" + server + ":" + std::to_string(port) + "/";
@@ -117,7 +118,7 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
   m_curlHandle = curl_easy_init();
   if (m_curlHandle == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Curl initialization failed ...";
-    throw 103;
+    throw QX_ERR_CURL_INIT;
   }
   applyHandleDefaults();
 
@@ -216,7 +217,7 @@ int QXClientCURL::applySessionTLSParams() {
     case QXCURL_USE_TPCA_CERT:
       return setCurlTLSParams(CA_LOAD_FORCE_ECA, true, m_skipPKIInfo);
   }
-  return 20;
+  return QX_ERR_BAD_ARGUMENT;
 }
 
 // Options every fresh (or reset) handle carries; a failure is a warning and
@@ -278,7 +279,7 @@ void QXClientCURL::initGlobalCurl() {
   if (rc != CURLE_OK) {
     QXLOG(QXLOG_ERROR, "QXClientCURL::initGlobalCurl")
         << "Failed to initialize the connection, " << curl_easy_strerror(rc);
-    throw 103;
+    throw QX_ERR_CURL_INIT;
   }
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::initGlobalCurl") << "Curl initialized successfully.";
   gAppControlledInitCleanup = true;
@@ -371,7 +372,7 @@ int QXClientCURL::addHeaderField(const std::string& name, const std::string& val
   curl_slist* list = curl_slist_append(m_headerList, line.c_str());
   if (list == nullptr) {
     QXLOG(QXLOG_ERROR, "QXClientCURL::addHeaderField") << "Unable to add header line";
-    return 10;
+    return QX_ERR_NO_MEMORY;
   }
   m_headerList = list;
   return 0;
@@ -393,7 +394,7 @@ int QXClientCURL::deleteHeaderField(const std::string& name) {
     curl_slist* next = curl_slist_append(kept, p->data);
     if (next == nullptr) {
       curl_slist_free_all(kept);
-      return 10;
+      return QX_ERR_NO_MEMORY;
     }
     kept = next;
   }
@@ -411,7 +412,7 @@ int QXClientCURL::getHTTPRequestHeader(const std::string& name, std::string& val
     return 0;
   }
   value.clear();
-  return 227;
+  return QX_ERR_HEADER_FIELD;
 }
 
 int QXClientCURL::setupAcceptCurlOption(const std::string& value) {
@@ -419,7 +420,7 @@ int QXClientCURL::setupAcceptCurlOption(const std::string& value) {
   // Callers sometimes pass the whole line.
   if (value.compare(0, 8, "Accept: ") == 0) line = value;
   curl_slist* list = curl_slist_append(m_headerList, line.c_str());
-  if (list == nullptr) return 10;
+  if (list == nullptr) return QX_ERR_NO_MEMORY;
   m_headerList = list;
   return 0;
 }
@@ -479,7 +480,7 @@ int QXClientCURL::setWriteDataFunction(curl_write_callback callback, void* userD
 int QXClientCURL::resetCurl() {
   if (m_curlHandle == nullptr) {
     QXLOG(QXLOG_ERROR, "QXClientCURL::resetCurl") << "Curl initialization failed ...";
-    return 103;
+    return QX_ERR_CURL_INIT;
   }
   curl_easy_reset(m_curlHandle);
   m_customRequest = false;

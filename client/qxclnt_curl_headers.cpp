@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "qx_log.h"
+#include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
 
@@ -13,7 +14,7 @@ int QXClientCURL::getHttpHeaderField(const std::string& field, std::string& valu
   const char* tag = "QXClientCURL::getHttpHeaderField";
   if (field.empty()) {
     QXLOG(QXLOG_PROGRESS, tag) << "Field = [" << field << "] is empty.";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   value.clear();
   const std::string& text = m_responseHeaders;
@@ -21,14 +22,14 @@ int QXClientCURL::getHttpHeaderField(const std::string& field, std::string& valu
   if (pos == std::string::npos) {
     QXLOG(QXLOG_PROGRESS, tag) << "Warning: Field [" << field << ":"
                                << "] was not found in the response header.";
-    return 227;
+    return QX_ERR_HEADER_FIELD;
   }
   size_t colon = text.find(':', pos);
   if (colon == std::string::npos) {
     QXLOG(QXLOG_ERROR, tag) << "Error: Malformed or corrupt response header encountered. Field ["
                             << field << ":"
                             << "] was not delimited by a ':' in the response header.";
-    return 227;
+    return QX_ERR_HEADER_FIELD;
   }
   size_t start = text.find_first_not_of(" \t\v\f", colon + 1);
   size_t ws = start == std::string::npos ? std::string::npos : text.find_first_of(" \r\n", start);
@@ -36,7 +37,7 @@ int QXClientCURL::getHttpHeaderField(const std::string& field, std::string& valu
     QXLOG(QXLOG_ERROR, tag) << "Error: Malformed or corrupt response header encountered. Field ["
                             << field << ":"
                             << "] value was not delimited by a whitespace in the response header.";
-    return 227;
+    return QX_ERR_HEADER_FIELD;
   }
   size_t quote = text.find('"', start);
   if (quote == std::string::npos || quote > ws) {
@@ -47,7 +48,7 @@ int QXClientCURL::getHttpHeaderField(const std::string& field, std::string& valu
       QXLOG(QXLOG_ERROR, tag)
           << "Error: Malformed or corrupt response header encountered. Field [" << field << ":"
           << "] value does not have corresponding double quote in the response header.";
-      return 7610;
+      return QX_ERR_BAD_RESPONSE;
     }
     value = text.substr(quote + 1, close - quote - 1);
   }
@@ -116,7 +117,7 @@ int QXClientCURL::setClientRequestHeaderAsPerServerVersion() {
   delete probe;
   // 227 and 7610 come from the header lookup: the server answered, without a
   // usable version.
-  if (rc == 227 || rc == 7610) {
+  if (rc == QX_ERR_HEADER_FIELD || rc == QX_ERR_BAD_RESPONSE) {
     QXLOG(QXLOG_PROGRESS, tag)
         << "Unable to find version header. Setting request header with default media type: "
         << QX_DEFAULT_MEDIA_TYPE;
@@ -140,7 +141,7 @@ int QXClientCURL::setJsonMediaTypeAPIVersion(const std::string& version) {
   if (version.find_first_of(std::string("\r\n\0", 3)) != std::string::npos) {
     QXLOG(QXLOG_ERROR, "QXClientCURL::setJsonMediaTypeAPIVersion")
         << "API version holds a line break; ignored";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   std::string mediaType = QX_MEDIA_TYPE_JSON + ";version=" + version;
   int rc = addHeaderField("Accept: ", mediaType);

@@ -7,9 +7,10 @@
 #include <ctime>
 
 #include "client/qxclnt_retry.h"
-#include "qx_json.h"
 #include "prefnet/qxclnt_prefnet.h"
+#include "qx_json.h"
 #include "qx_log.h"
+#include "qx_status.h"
 #include "qx_util.h"
 #include "qx_wnet.h"
 #include "qxclnt_curl.h"
@@ -86,7 +87,7 @@ int QXClientCURL::Post(const std::string& path, const std::string& payload) {
   const char* tag = "QXClientCURL::Post";
   if (payload.empty()) {
     QXLOG(QXLOG_ERROR, tag) << "payLoad should not be null";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   int rc = setUrlForPath(path, "Failed to set url, err = ");
   if (rc != 0) return rc;
@@ -113,7 +114,7 @@ int QXClientCURL::Put(const std::string& path, const std::string& payload) {
   const char* tag = "QXClientCURL::Put";
   if (payload.empty()) {
     QXLOG(QXLOG_ERROR, tag) << "payLoad should not be null";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   int rc = setUrlForPath(path, "Failed to set url, err = ");
   if (rc != 0) return rc;
@@ -127,7 +128,7 @@ int QXClientCURL::Patch(const std::string& path, const std::string& payload) {
   const char* tag = "QXClientCURL::Patch";
   if (payload.empty()) {
     QXLOG(QXLOG_ERROR, tag) << "payLoad should not be null";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   int rc = setUrlForPath(path, "Failed to set url, err = ");
   if (rc != 0) return rc;
@@ -169,7 +170,7 @@ int QXClientCURL::PostMultipartFile(const std::string& path, const std::string& 
   for (const auto& r : required) {
     if (r.value.empty()) {
       QXLOG(QXLOG_ERROR, tag) << r.message;
-      return 20;
+      return QX_ERR_BAD_ARGUMENT;
     }
   }
   QXLOG(QXLOG_PROGRESS, tag) << "Multipart Posting to URL " << m_server_url << path;
@@ -225,7 +226,7 @@ int QXClientCURL::encodeUriString(const std::string& in, std::string& out) {
   if (enc == nullptr) {
     QXLOG(QXLOG_ERROR, "QXClientCURL::encodeUriString")
         << "Failed to convert input string to encoded value";
-    return 11;
+    return QX_ERR_ENCODE;
   }
   out = enc;
   curl_free(enc);
@@ -233,9 +234,9 @@ int QXClientCURL::encodeUriString(const std::string& in, std::string& out) {
 }
 
 int percentEncodeUriPart(const std::string& in, std::string& out) {
-  if (in.empty()) return 20;
+  if (in.empty()) return QX_ERR_BAD_ARGUMENT;
   char* enc = curl_easy_escape(nullptr, in.c_str(), static_cast<int>(in.size()));
-  if (enc == nullptr) return 11;
+  if (enc == nullptr) return QX_ERR_ENCODE;
   out = enc;
   curl_free(enc);
   return 0;
@@ -248,7 +249,7 @@ int percentDecodeUriPart(const std::string& in, std::string& out) {
   }
   int len = 0;
   char* dec = curl_easy_unescape(nullptr, in.c_str(), static_cast<int>(in.size()), &len);
-  if (dec == nullptr) return 11;
+  if (dec == nullptr) return QX_ERR_ENCODE;
   out.assign(dec, static_cast<size_t>(len));
   curl_free(dec);
   return 0;
@@ -260,7 +261,8 @@ int QXClientCURL::refreshToken() {
   const char* tag = "QXClientCURL::refreshToken";
   QXLOG(QXLOG_PROGRESS, tag) << "Refreshing token";
   std::string token;
-  int rc = m_tokenManager ? m_tokenManager->getToken(m_server, token, true, nullptr) : 20;
+  int rc = m_tokenManager ? m_tokenManager->getToken(m_server, token, true, nullptr)
+                          : QX_ERR_BAD_ARGUMENT;
   if (rc != 0) {
     QXLOG(QXLOG_ERROR, tag) << "Failed to refresh authorization token. Actual Error code :" << rc
                             << "return code :" << QX_ERR_TOKEN;
@@ -342,9 +344,10 @@ int QXClientCURL::retryUnderWindow() {
 }
 
 int QXClientCURL::decideNextConnectRetryAction(int status, bool tunnelUsed) {
-  return qxretry::decideNextAction(qxretry::Attempt{status, m_curlError, m_httpCode, tunnelUsed},
-                                   [this] { return isTunnelConnectedToRightMaster(); },
-                                   "QXClientCURL::decideNextConnectRetryAction");
+  return qxretry::decideNextAction(
+      qxretry::Attempt{status, m_curlError, m_httpCode, tunnelUsed},
+      [this] { return isTunnelConnectedToRightMaster(); },
+      "QXClientCURL::decideNextConnectRetryAction");
 }
 
 // ---- perform ----
@@ -354,7 +357,7 @@ int QXClientCURL::performOperation() {
   m_connectHost = m_server;
   bool localIsServer = wnet_is_server("localhost");
   if (!m_routeOnServer && localIsServer) return performCurlOperation();
-  if (m_tunnelRouter == nullptr) return 10;
+  if (m_tunnelRouter == nullptr) return QX_ERR_NO_MEMORY;
   stopConnectionRetries();
   m_triedTunnels.clear();
 
@@ -378,7 +381,7 @@ int QXClientCURL::performOperation() {
   }
   // Reported when the router offers nothing at all: no attempt reached the
   // server.
-  int status = 8500;
+  int status = QX_ERR_CONNECT;
   bool done = false;
   while (!done) {
     QXLOG(QXLOG_PROGRESS, tag) << "Querying client router for a list of tunnels.";
@@ -440,13 +443,14 @@ int QXClientCURL::performCurlOperation() {
   m_httpCode = 0;
   if (m_connectionsDisabled) {
     QXLOG(QXLOG_ERROR, tag) << "HTTP connections are disabled";
-    return 47;
+    return QX_ERR_RESOLVE;
   }
   const bool tokenSession =
       m_sessionType == QXCURL_USE_TOKEN || m_sessionType == QXCURL_USE_TPCA_CERT;
   if (tokenSession) {
     std::string token;
-    int rc = m_tokenManager ? m_tokenManager->getToken(m_server, token, false, nullptr) : 20;
+    int rc = m_tokenManager ? m_tokenManager->getToken(m_server, token, false, nullptr)
+                            : QX_ERR_BAD_ARGUMENT;
     if (rc != 0) {
       if (m_sessionType == QXCURL_USE_TOKEN) {
         QXLOG(QXLOG_ERROR, tag) << "Failed to fetch authorization token. Actual Error code " << rc
@@ -578,7 +582,7 @@ int QXClientCURL::disableHttpTunnelUse() {
 }
 
 int QXClientCURL::setAdditionalTunnelServers(std::list<std::string>& servers) {
-  return m_tunnelRouter ? m_tunnelRouter->setAdditionalTunnelServers(servers) : 10;
+  return m_tunnelRouter ? m_tunnelRouter->setAdditionalTunnelServers(servers) : QX_ERR_NO_MEMORY;
 }
 
 int QXClientCURL::enableTunnelOptions(std::string tunnel) {

@@ -1,16 +1,22 @@
 // libcurl results and X.509 verification results to the product's statuses,
 // the host-name mismatch explanation and the JSON wrapping of text bodies.
 #include <jansson.h>
+#include <openssl/x509_vfy.h>
 #include <strings.h>
 
 #include <cstdlib>
 #include <cstring>
 
 #include "qx_log.h"
+#include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
 
 namespace {
+// The product counts "key usage does not include certificate signing" as 33
+// (OpenSSL's own number for it is 32); both directions keep the product's.
+constexpr int kKeyUsageNoCertSign = 33;
+
 struct CodePair {
   int from;
   int to;
@@ -18,17 +24,44 @@ struct CodePair {
 
 // X.509 verification result under libcurl 60 -> status.
 const CodePair kVerifyResultToStatus[] = {
-    {20, 8504}, {9, 8505},  {10, 8506}, {3, 5982},  {12, 9314}, {23, 9318}, {5, 9328},  {8, 9329},
-    {11, 9330}, {15, 9331}, {16, 9332}, {33, 9333}, {35, 9334}, {36, 9335}, {44, 9336}, {54, 9337},
+    {X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, QX_ERR_UNKNOWN_ISSUER},
+    {X509_V_ERR_CERT_NOT_YET_VALID, QX_ERR_CERT_NOT_YET_VALID},
+    {X509_V_ERR_CERT_HAS_EXPIRED, QX_ERR_CERT_EXPIRED},
+    {X509_V_ERR_UNABLE_TO_GET_CRL, QX_ERR_CRL_UNAVAILABLE},
+    {X509_V_ERR_CRL_HAS_EXPIRED, QX_ERR_CRL_EXPIRED},
+    {X509_V_ERR_CERT_REVOKED, QX_ERR_CERT_REVOKED},
+    {X509_V_ERR_UNABLE_TO_DECRYPT_CRL_SIGNATURE, QX_ERR_CRL_SIG_DECRYPT},
+    {X509_V_ERR_CRL_SIGNATURE_FAILURE, QX_ERR_CRL_SIGNATURE},
+    {X509_V_ERR_CRL_NOT_YET_VALID, QX_ERR_CRL_NOT_YET_VALID},
+    {X509_V_ERR_ERROR_IN_CRL_LAST_UPDATE_FIELD, QX_ERR_CRL_LAST_UPDATE},
+    {X509_V_ERR_ERROR_IN_CRL_NEXT_UPDATE_FIELD, QX_ERR_CRL_NEXT_UPDATE},
+    {kKeyUsageNoCertSign, QX_ERR_KEYUSAGE_CERT_SIGN},
+    {X509_V_ERR_KEYUSAGE_NO_CRL_SIGN, QX_ERR_KEYUSAGE_CRL_SIGN},
+    {X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION, QX_ERR_CRL_CRITICAL_EXT},
+    {X509_V_ERR_DIFFERENT_CRL_SCOPE, QX_ERR_CRL_SCOPE},
+    {X509_V_ERR_CRL_PATH_VALIDATION_ERROR, QX_ERR_CRL_PATH},
 };
 
-// Status -> X.509 verification code; 9321 has no forward entry on purpose.
+// Status -> X.509 verification code, for the verification callback: the
+// revocation statuses only. 9321 has no forward entry and still maps to 3.
 const CodePair kStatusToVerifyCode[] = {
-    {5982, 3},  {9314, 12}, {9318, 23}, {9321, 3},  {9328, 5},  {9329, 8},  {9330, 11},
-    {9331, 15}, {9332, 16}, {9333, 33}, {9334, 35}, {9335, 36}, {9336, 44}, {9337, 54},
+    {QX_ERR_CRL_UNAVAILABLE, X509_V_ERR_UNABLE_TO_GET_CRL},
+    {QX_ERR_CRL_EXPIRED, X509_V_ERR_CRL_HAS_EXPIRED},
+    {QX_ERR_CERT_REVOKED, X509_V_ERR_CERT_REVOKED},
+    {QX_ERR_CRL_CHECK, X509_V_ERR_UNABLE_TO_GET_CRL},
+    {QX_ERR_CRL_SIG_DECRYPT, X509_V_ERR_UNABLE_TO_DECRYPT_CRL_SIGNATURE},
+    {QX_ERR_CRL_SIGNATURE, X509_V_ERR_CRL_SIGNATURE_FAILURE},
+    {QX_ERR_CRL_NOT_YET_VALID, X509_V_ERR_CRL_NOT_YET_VALID},
+    {QX_ERR_CRL_LAST_UPDATE, X509_V_ERR_ERROR_IN_CRL_LAST_UPDATE_FIELD},
+    {QX_ERR_CRL_NEXT_UPDATE, X509_V_ERR_ERROR_IN_CRL_NEXT_UPDATE_FIELD},
+    {QX_ERR_KEYUSAGE_CERT_SIGN, kKeyUsageNoCertSign},
+    {QX_ERR_KEYUSAGE_CRL_SIGN, X509_V_ERR_KEYUSAGE_NO_CRL_SIGN},
+    {QX_ERR_CRL_CRITICAL_EXT, X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION},
+    {QX_ERR_CRL_SCOPE, X509_V_ERR_DIFFERENT_CRL_SCOPE},
+    {QX_ERR_CRL_PATH, X509_V_ERR_CRL_PATH_VALIDATION_ERROR},
 };
 
-constexpr int X509_UNSPECIFIED = 1;
+constexpr int X509_UNSPECIFIED = X509_V_ERR_UNSPECIFIED;
 const char* const STRING_MEMBER = "QX_STRING_RESPONSE";
 
 std::string trimBlanks(const std::string& s) {
@@ -56,45 +89,45 @@ int QXClientCURL::mapCurlError() {
       status = 0;
       break;
     case CURLE_FAILED_INIT:
-      status = 103;
+      status = QX_ERR_CURL_INIT;
       break;
     case CURLE_URL_MALFORMAT:
-      status = 8502;
+      status = QX_ERR_BAD_URL;
       break;
     case CURLE_COULDNT_RESOLVE_HOST:
-      status = 47;
+      status = QX_ERR_RESOLVE;
       break;
     case CURLE_COULDNT_CONNECT:
-      status = 8500;
+      status = QX_ERR_CONNECT;
       break;
     case CURLE_REMOTE_ACCESS_DENIED:
-      status = 8501;
+      status = QX_ERR_ACCESS_DENIED;
       break;
     case CURLE_WRITE_ERROR:
     case CURLE_SEND_ERROR:
-      status = 44;
+      status = QX_ERR_SEND;
       break;
     case CURLE_READ_ERROR:
     case CURLE_RECV_ERROR:
-      status = 42;
+      status = QX_ERR_RECEIVE;
       break;
     case CURLE_OUT_OF_MEMORY:
-      status = 10;
+      status = QX_ERR_NO_MEMORY;
       break;
     case CURLE_OPERATION_TIMEDOUT:
-      status = 41;
+      status = QX_ERR_TIMEOUT;
       break;
     case CURLE_SSL_CONNECT_ERROR:
-      status = 26;
+      status = QX_ERR_TLS_CONNECT;
       break;
     case CURLE_ABORTED_BY_CALLBACK:
-      status = m_sslCtxErrorCode == 8787 ? 8787 : 8503;
+      status = m_sslCtxErrorCode == QX_ERR_KEY_NOT_FIPS ? QX_ERR_KEY_NOT_FIPS : QX_ERR_CURL_OTHER;
       break;
     case CURLE_SSL_CERTPROBLEM:
-      status = 8511;
+      status = QX_ERR_CLIENT_CERT;
       break;
     case CURLE_SSL_CACERT_BADFILE:
-      status = 8508;
+      status = QX_ERR_TRUST_STORE;
       break;
     case CURLE_PEER_FAILED_VERIFICATION: {
       long result = 0;
@@ -106,7 +139,7 @@ int QXClientCURL::mapCurlError() {
       if (status == 0) {
         if (result > 1) {
           QXLOG(QXLOG_ERROR, "mapCurlError") << "Certificate verification result = " << result;
-          status = 8507;
+          status = QX_ERR_CERT_VERIFY;
         } else {
           status = mapCurlPeerFailedVerification();
         }
@@ -114,7 +147,7 @@ int QXClientCURL::mapCurlError() {
       break;
     }
     default:
-      status = 8503;
+      status = QX_ERR_CURL_OTHER;
       break;
   }
   QXLOG(QXLOG_PROGRESS, "mapCurlError")
@@ -128,11 +161,11 @@ int QXClientCURL::mapCurlPeerFailedVerification() {
   curl_certinfo* info = nullptr;
   if (!getServerCertInfo(&info)) {
     QXLOG(QXLOG_ERROR, tag) << "Failed to get Server CertInfo";
-    return 8510;
+    return QX_ERR_NO_CERT_INFO;
   }
   if (info == nullptr || info->num_of_certs < 1 || info->certinfo == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Invalid Server CertInfo";
-    return 8510;
+    return QX_ERR_NO_CERT_INFO;
   }
   std::string commonName;
   std::vector<std::string> altNames;
@@ -173,11 +206,11 @@ int QXClientCURL::mapCurlPeerFailedVerification() {
   } else if (strcasecmp(commonName.c_str(), m_server.c_str()) != 0) {
     m_extendedErrors.push_back(commonName);
   }
-  return 8509;
+  return QX_ERR_HOST_MISMATCH;
 }
 
 bool QXClientCURL::getExtendedErrorInfo(int status, std::vector<std::string>* names) {
-  if (status != 8509 || names == nullptr) return false;
+  if (status != QX_ERR_HOST_MISMATCH || names == nullptr) return false;
   *names = m_extendedErrors;
   return true;
 }
@@ -187,19 +220,19 @@ int QXClientCURL::makeJsonResponseFromString(std::string& out) {
   json_t* root = json_object();
   if (root == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Unable to allocate memory for json root object";
-    return 10;
+    return QX_ERR_NO_MEMORY;
   }
   json_t* value = json_stringn(m_responseBody.data(), m_responseBody.size());
   if (value == nullptr || json_object_set_new(root, STRING_MEMBER, value) != 0) {
     QXLOG(QXLOG_ERROR, tag) << "Error in getting response";
     json_decref(root);
-    return 7617;
+    return QX_ERR_JSON_PARSE;
   }
   char* text = json_dumps(root, JSON_COMPACT);
   json_decref(root);
   if (text == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Error in getting response";
-    return 7617;
+    return QX_ERR_JSON_PARSE;
   }
   out = text;
   free(text);
@@ -210,20 +243,20 @@ int QXClientCURL::makeStringResponseFromJson() {
   const char* tag = "QXClientCURL::makeStringResponseFromJson";
   if (m_responseBody.empty()) {
     QXLOG(QXLOG_ERROR, tag) << "Input json string is empty";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   json_error_t error;
   json_t* root = json_loadb(m_responseBody.data(), m_responseBody.size(), JSON_ALLOW_NUL, &error);
   if (root == nullptr || !json_is_object(root)) {
     QXLOG(QXLOG_ERROR, tag) << "Error in loading json";
     json_decref(root);
-    return 7617;
+    return QX_ERR_JSON_PARSE;
   }
   json_t* value = json_object_get(root, STRING_MEMBER);
   if (!json_is_string(value)) {
     QXLOG(QXLOG_ERROR, tag) << "Error in parsing json object";
     json_decref(root);
-    return 7610;
+    return QX_ERR_BAD_RESPONSE;
   }
   m_responseBody.assign(json_string_value(value), json_string_length(value));
   json_decref(root);

@@ -99,7 +99,7 @@ namespace {
 // sessionToken, refreshToken...).
 bool isSecretMember(std::string name) {
   for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  static const char* const kSecrets[] = {"password", "passphrase", "apikey",        "api_key",
+  static const char* const kSecrets[] = {"password", "passphrase",   "apikey",       "api_key",
                                          "secret",   "clientsecret", "authorization"};
   for (const char* k : kSecrets) {
     if (name == k) return true;

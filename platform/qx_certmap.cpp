@@ -14,6 +14,7 @@
 
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_status.h"
 #include "qx_util.h"
 
 namespace {
@@ -54,12 +55,12 @@ int loadMap(JsonPtr& root, const char* tag) {
   if (!root) {
     QXLOG(QXLOG_ERROR, tag) << "Certificate map [" << path << "] is not JSON: line [" << err.line
                             << "]: " << err.text;
-    return 7617;
+    return QX_ERR_JSON_PARSE;
   }
   json_t* servers = json_object_get(root.get(), "servers");
   if (!json_is_object(root.get()) || (servers != nullptr && !json_is_object(servers))) {
     QXLOG(QXLOG_ERROR, tag) << "Certificate map [" << path << "] has an unexpected layout";
-    return 7617;
+    return QX_ERR_JSON_PARSE;
   }
   return 0;
 }
@@ -94,16 +95,16 @@ const char* stringMember(json_t* obj, const char* name) {
 
 // 0 ok, 7617 when present but not an object or a member is not a string.
 int fillCAData(json_t* obj, certMapCAData& out) {
-  if (!json_is_object(obj)) return 7617;
+  if (!json_is_object(obj)) return QX_ERR_JSON_PARSE;
   static const char* const names[] = {"certificate", "privateKey", "passphraseFile", "trustStore",
                                       "crl"};
   char* fields[] = {out.certificate, out.privateKey, out.passphraseFile, out.trustStore, out.crl};
   for (size_t i = 0; i < 5; ++i) {
     json_t* v = json_object_get(obj, names[i]);
-    if (v != nullptr && !json_is_string(v)) return 7617;
+    if (v != nullptr && !json_is_string(v)) return QX_ERR_JSON_PARSE;
     std::string path = resolvePath(stringMember(obj, names[i]));
     // A cut path could name another file: refuse it instead.
-    if (path.size() >= QX_CERTMAP_PATH_LEN) return 7617;
+    if (path.size() >= QX_CERTMAP_PATH_LEN) return QX_ERR_JSON_PARSE;
     copyField(fields[i], QX_CERTMAP_PATH_LEN, path);
   }
   return 0;
@@ -112,7 +113,7 @@ int fillCAData(json_t* obj, certMapCAData& out) {
 int fillInfo(json_t* entry, const std::string& entryName, certMapInfo& info) {
   copyField(info.entryName, sizeof info.entryName, entryName);
   json_t* uuid = json_object_get(entry, "hostUuid");
-  if (uuid != nullptr && !json_is_string(uuid)) return 7617;
+  if (uuid != nullptr && !json_is_string(uuid)) return QX_ERR_JSON_PARSE;
   copyField(info.hostUuid, sizeof info.hostUuid, stringMember(entry, "hostUuid"));
 
   json_t* mode = json_object_get(entry, "caMode");
@@ -122,7 +123,7 @@ int fillInfo(json_t* entry, const std::string& entryName, certMapInfo& info) {
              json_integer_value(mode) <= 2) {
     info.caMode = static_cast<int>(json_integer_value(mode));
   } else {
-    return 7617;
+    return QX_ERR_JSON_PARSE;
   }
 
   json_t* tv = json_object_get(entry, "trustVersion");
@@ -131,28 +132,28 @@ int fillInfo(json_t* entry, const std::string& entryName, certMapInfo& info) {
   } else if (json_is_integer(tv)) {
     copyField(info.trustVersion, sizeof info.trustVersion, std::to_string(json_integer_value(tv)));
   } else if (tv != nullptr) {
-    return 7617;
+    return QX_ERR_JSON_PARSE;
   }
 
   json_t* q = json_object_get(entry, "QXCA");
   if (q != nullptr) {
-    if (fillCAData(q, info.qxca) != 0) return 7617;
+    if (fillCAData(q, info.qxca) != 0) return QX_ERR_JSON_PARSE;
     info.hasQXCA = 1;
   }
   json_t* e = json_object_get(entry, "ECA");
   if (e != nullptr) {
-    if (fillCAData(e, info.eca) != 0) return 7617;
+    if (fillCAData(e, info.eca) != 0) return QX_ERR_JSON_PARSE;
     info.hasECA = 1;
   }
 
   info.caPreferred = CA_USAGE_NONE;
   json_t* sup = json_object_get(entry, "caSupported");
-  if (sup != nullptr && !json_is_array(sup)) return 7617;
+  if (sup != nullptr && !json_is_array(sup)) return QX_ERR_JSON_PARSE;
   size_t i;
   json_t* item;
   json_array_foreach(sup, i, item) {
     const char* s = json_string_value(item);
-    if (s == nullptr) return 7617;
+    if (s == nullptr) return QX_ERR_JSON_PARSE;
     int bit = 0;
     ca_usage usage = CA_USAGE_NONE;
     if (strcasecmp(s, "QXCA") == 0 && info.hasQXCA) {
@@ -172,7 +173,7 @@ int fillInfo(json_t* entry, const std::string& entryName, certMapInfo& info) {
 int lookupEntry(cert_type certType, const char* server, certMapInfo& info, const char* tag) {
   if (server == nullptr || *server == '\0') {
     QXLOG(QXLOG_ERROR, tag) << "Invalid argument: server name is empty";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   std::memset(&info, 0, sizeof info);
   info.certType = certType;
@@ -184,7 +185,7 @@ int lookupEntry(cert_type certType, const char* server, certMapInfo& info, const
   json_t* entry = findEntry(root.get(), server, entryName);
   if (entry == nullptr) {
     QXLOG(QXLOG_DETAIL, tag) << "No certificate map entry for server [" << server << "]";
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   rc = fillInfo(entry, entryName, info);
   if (rc != 0) {
@@ -220,20 +221,20 @@ ca_usage getCaSupportedByThisHost(const certMapInfo& info) {
 
 int getCertDataByCAtypeExEx(const certMapInfo& info, ca_usage usage, int /*flags*/,
                             unsigned short /*port*/, host_cert_data* data) {
-  if (data == nullptr) return 20;
+  if (data == nullptr) return QX_ERR_BAD_ARGUMENT;
   const certMapCAData* src = nullptr;
   if (usage == CA_USAGE_QXCA) {
     src = info.hasQXCA ? &info.qxca : nullptr;
   } else if (usage == CA_USAGE_ECA || usage == CA_USAGE_ECA_ALT) {
     src = info.hasECA ? &info.eca : nullptr;
   } else {
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   if (src == nullptr) {
     QXLOG(QXLOG_DETAIL, "getCertDataByCAtypeExEx")
         << "Certificate map entry [" << info.entryName << "] describes no ["
         << CaUsageToString(usage) << "] artifacts";
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   std::memcpy(data->hostUuid, info.hostUuid, sizeof data->hostUuid);
   data->caUsage = usage;
@@ -260,12 +261,12 @@ const char* CaUsageToString(ca_usage usage) {
 }
 
 int readDataFromFile(const std::string& path, std::string& out) {
-  if (path.empty()) return 20;
+  if (path.empty()) return QX_ERR_BAD_ARGUMENT;
   FILE* f = std::fopen(path.c_str(), "rb");
   if (f == nullptr) {
     int e = errno;
     QXLOG(QXLOG_DETAIL, "readDataFromFile") << "Cannot open [" << path << "]: " << std::strerror(e);
-    return e == ENOENT || e == ENOTDIR ? 12 : 13;
+    return e == ENOENT || e == ENOTDIR ? QX_ERR_FILE_NOT_FOUND : QX_ERR_FILE_OPEN;
   }
   std::string data;
   char buf[8192];
@@ -273,12 +274,12 @@ int readDataFromFile(const std::string& path, std::string& out) {
   int rc = 0;
   while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) {
     if (data.size() + n > kMaxFileSize) {
-      rc = 20;
+      rc = QX_ERR_BAD_ARGUMENT;
       break;
     }
     data.append(buf, n);
   }
-  if (rc == 0 && std::ferror(f)) rc = 13;  // a directory reads as an error here
+  if (rc == 0 && std::ferror(f)) rc = QX_ERR_FILE_OPEN;  // a directory reads as an error here
   std::fclose(f);
   if (rc != 0) {
     QXLOG(QXLOG_DETAIL, "readDataFromFile")
@@ -312,13 +313,13 @@ int readPEMDataFromFile(const std::string& path, std::string& out) {
   BIO_free(pem);
   if (count == 0) {
     QXLOG(QXLOG_DETAIL, "readPEMDataFromFile") << "No PEM certificate in [" << path << "]";
-    return 8508;
+    return QX_ERR_TRUST_STORE;
   }
   return 0;
 }
 
 int getAllCertInfoByType(int caType, certInfo** list) {
-  if (list == nullptr || (caType != 1 && caType != 2)) return 20;
+  if (list == nullptr || (caType != 1 && caType != 2)) return QX_ERR_BAD_ARGUMENT;
   *list = nullptr;
   JsonPtr root;
   int rc = loadMap(root, "getAllCertInfoByType");
@@ -337,7 +338,7 @@ int getAllCertInfoByType(int caType, certInfo** list) {
     certInfo* rec = static_cast<certInfo*>(std::calloc(1, sizeof(certInfo)));
     if (rec == nullptr) {
       freeCertInfoList(list);
-      return 10;
+      return QX_ERR_NO_MEMORY;
     }
     copyField(rec->serverName, sizeof rec->serverName, key);
     std::memcpy(rec->hostUuid, info.hostUuid, sizeof rec->hostUuid);
@@ -368,34 +369,34 @@ void freeCertInfoList(certInfo** list) {
 }
 
 int getCAModeByServer(cert_type certType, const char* server, int* caMode) {
-  if (caMode == nullptr) return 20;
+  if (caMode == nullptr) return QX_ERR_BAD_ARGUMENT;
   certMapInfo info;
   int rc = lookupEntry(certType, server, info, "getCAModeByServer");
   if (rc != 0) return rc;
   if (info.caMode < 0) {
     QXLOG(QXLOG_DETAIL, "getCAModeByServer") << "No caMode for server [" << server << "]";
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   *caMode = info.caMode;
   return 0;
 }
 
 int getCertModTime(cert_type certType, const char* server, time_t* modTime) {
-  if (modTime == nullptr) return 20;
+  if (modTime == nullptr) return QX_ERR_BAD_ARGUMENT;
   certMapInfo info;
   int rc = lookupEntry(certType, server, info, "getCertModTime");
   if (rc != 0) return rc;
   const char* cert = info.qxca.certificate[0] ? info.qxca.certificate : info.eca.certificate;
-  if (*cert == '\0') return 12;
+  if (*cert == '\0') return QX_ERR_FILE_NOT_FOUND;
   struct stat st;
-  if (stat(cert, &st) != 0) return 12;
+  if (stat(cert, &st) != 0) return QX_ERR_FILE_NOT_FOUND;
   *modTime = st.st_mtime;
   return 0;
 }
 
 int compareTrustVersion(cert_type certType, const char* trustVersion, const char* server,
                         int* trustCurrent) {
-  if (trustVersion == nullptr || trustCurrent == nullptr) return 20;
+  if (trustVersion == nullptr || trustCurrent == nullptr) return QX_ERR_BAD_ARGUMENT;
   certMapInfo info;
   int rc = lookupEntry(certType, server, info, "compareTrustVersion");
   if (rc != 0) return rc;

@@ -1,6 +1,7 @@
 #include "qx_config.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -14,11 +15,11 @@
 #include <map>
 #include <mutex>
 #include <new>
-#include <pwd.h>
 #include <vector>
 
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_status.h"
 #include "qx_util.h"
 
 struct QXMasterConfig {
@@ -75,18 +76,18 @@ int readFile(const std::string& path, struct stat& st, std::string& text) {
   if (fd < 0) {
     if (errno == ENOENT || errno == ENOTDIR) return -1;
     QXLOG(QXLOG_ERROR, kTag) << "Cannot open [" << path << "]: " << std::strerror(errno);
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     QXLOG(QXLOG_ERROR, kTag) << "[" << path << "] is not a regular file";
     close(fd);
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   if (static_cast<unsigned long long>(st.st_size) > kMaxConfigBytes) {
     QXLOG(QXLOG_ERROR, kTag) << "[" << path << "] is larger than [" << kMaxConfigBytes
                              << "] bytes; ignored";
     close(fd);
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   text.clear();
   char buf[16384];
@@ -96,7 +97,7 @@ int readFile(const std::string& path, struct stat& st, std::string& text) {
     if (n < 0) {
       QXLOG(QXLOG_ERROR, kTag) << "Cannot read [" << path << "]: " << std::strerror(errno);
       close(fd);
-      return 12;
+      return QX_ERR_FILE_NOT_FOUND;
     }
     if (n == 0) break;
     text.append(buf, static_cast<size_t>(n));
@@ -104,7 +105,7 @@ int readFile(const std::string& path, struct stat& st, std::string& text) {
       QXLOG(QXLOG_ERROR, kTag) << "[" << path << "] is larger than [" << kMaxConfigBytes
                                << "] bytes; ignored";
       close(fd);
-      return 12;
+      return QX_ERR_FILE_NOT_FOUND;
     }
   }
   close(fd);
@@ -209,7 +210,7 @@ std::shared_ptr<const QXMasterConfig> qxLoadMasterConfigUnlogged(int* status) {
   struct stat st;
   if (stat(key.path.c_str(), &st) != 0) {
     if (errno == ENOENT || errno == ENOTDIR) return emptyConfig();
-    if (status != nullptr) *status = 12;
+    if (status != nullptr) *status = QX_ERR_FILE_NOT_FOUND;
     return emptyConfig();
   }
   key.dev = st.st_dev;
@@ -336,7 +337,7 @@ int bpconfGetKeyValueAsInt(QXConfigHandle cfg, const char* key, long* value) {
 }
 
 int getCrlCheckLevelFromConfig(unsigned int* level) {
-  if (level == nullptr) return 20;
+  if (level == nullptr) return QX_ERR_BAD_ARGUMENT;
   int status = 0;
   std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(&status);
   if (status != 0) return status;
@@ -346,7 +347,7 @@ int getCrlCheckLevelFromConfig(unsigned int* level) {
     n = 1;
   else if (rc != 0 || n < 0 || n > 2) {
     QXLOG(QXLOG_ERROR, "getCrlCheckLevelFromConfig") << "CRL_CHECK_LEVEL must be 0, 1 or 2";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   *level = static_cast<unsigned int>(n);
   return 0;
@@ -356,7 +357,7 @@ namespace {
 
 char* dupString(const std::string& s) {
   char* p = static_cast<char*>(std::malloc(s.size() + 1));
-  if (p == nullptr) throw 10;
+  if (p == nullptr) throw QX_ERR_NO_MEMORY;
   std::memcpy(p, s.c_str(), s.size() + 1);
   return p;
 }
@@ -416,7 +417,7 @@ bool splitTunnelLine(const std::string& line, std::string& host, std::string& tu
 }  // namespace
 
 int qxconf_get_info(qxconf_info** info) {
-  if (info == nullptr) return 20;
+  if (info == nullptr) return QX_ERR_BAD_ARGUMENT;
   int status = 0;
   std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(&status);
   if (status != 0) return status;
@@ -424,7 +425,7 @@ int qxconf_get_info(qxconf_info** info) {
   const char* tag = "qxconf_get_info";
 
   qxconf_info* rec = new (std::nothrow) qxconf_info{};
-  if (rec == nullptr) return 10;
+  if (rec == nullptr) return QX_ERR_NO_MEMORY;
   try {
     rec->server_list = serverList(bpconfGetKeyValues(c, "SERVER"));
     rec->media_server_list = serverList(bpconfGetKeyValues(c, "MEDIA_SERVER"));
@@ -465,7 +466,7 @@ int qxconf_get_info(qxconf_info** info) {
     }
   } catch (...) {
     qxconf_free_info(&rec);
-    return 10;
+    return QX_ERR_NO_MEMORY;
   }
   *info = rec;
   return 0;
@@ -505,4 +506,3 @@ int is_current_user_configured_service_admin(int /*reserved*/) {
   }
   return found->pw_uid == euid ? 1 : 0;
 }
-

@@ -18,6 +18,7 @@
 #include "qx_certmap.h"
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_status.h"
 
 namespace {
 
@@ -168,33 +169,33 @@ bool download(X509* cert, std::vector<X509_CRL*>& crls, std::set<std::string>& t
 int statusForVerifyError(int err) {
   switch (err) {
     case X509_V_ERR_UNABLE_TO_GET_CRL:
-      return 5982;
+      return QX_ERR_CRL_UNAVAILABLE;
     case X509_V_ERR_CRL_HAS_EXPIRED:
-      return 9314;
+      return QX_ERR_CRL_EXPIRED;
     case X509_V_ERR_CERT_REVOKED:
-      return 9318;
+      return QX_ERR_CERT_REVOKED;
     case X509_V_ERR_UNABLE_TO_DECRYPT_CRL_SIGNATURE:
-      return 9328;
+      return QX_ERR_CRL_SIG_DECRYPT;
     case X509_V_ERR_CRL_SIGNATURE_FAILURE:
-      return 9329;
+      return QX_ERR_CRL_SIGNATURE;
     case X509_V_ERR_CRL_NOT_YET_VALID:
-      return 9330;
+      return QX_ERR_CRL_NOT_YET_VALID;
     case X509_V_ERR_ERROR_IN_CRL_LAST_UPDATE_FIELD:
-      return 9331;
+      return QX_ERR_CRL_LAST_UPDATE;
     case X509_V_ERR_ERROR_IN_CRL_NEXT_UPDATE_FIELD:
-      return 9332;
+      return QX_ERR_CRL_NEXT_UPDATE;
     case X509_V_ERR_KEYUSAGE_NO_CERTSIGN:
-      return 9333;
+      return QX_ERR_KEYUSAGE_CERT_SIGN;
     case X509_V_ERR_KEYUSAGE_NO_CRL_SIGN:
-      return 9334;
+      return QX_ERR_KEYUSAGE_CRL_SIGN;
     case X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION:
-      return 9335;
+      return QX_ERR_CRL_CRITICAL_EXT;
     case X509_V_ERR_DIFFERENT_CRL_SCOPE:
-      return 9336;
+      return QX_ERR_CRL_SCOPE;
     case X509_V_ERR_CRL_PATH_VALIDATION_ERROR:
-      return 9337;
+      return QX_ERR_CRL_PATH;
   }
-  return 8507;
+  return QX_ERR_CERT_VERIFY;
 }
 
 int acceptStaleCb(int ok, X509_STORE_CTX* ctx) {
@@ -218,9 +219,9 @@ class CrlService : public QXCurlCrlService {
 
     X509Stack chain, anchors;
     if (parseCerts(peerChainPem, chain.sk) == 0)
-      return fail(20, "no certificate in the chain", errorCode, errorStr);
+      return fail(QX_ERR_BAD_ARGUMENT, "no certificate in the chain", errorCode, errorStr);
     if (parseCerts(trustedPem, anchors.sk) == 0)
-      return fail(20, "no trusted CA certificate", errorCode, errorStr);
+      return fail(QX_ERR_BAD_ARGUMENT, "no trusted CA certificate", errorCode, errorStr);
 
     CrlList crls;
     loadCrls(crls.crls);
@@ -246,7 +247,7 @@ class CrlService : public QXCurlCrlService {
     }
     int rc = 0;
     if (store == nullptr || ctx == nullptr) {
-      rc = fail(10, "out of memory", errorCode, errorStr);
+      rc = fail(QX_ERR_NO_MEMORY, "out of memory", errorCode, errorStr);
     } else {
       for (int i = 0; i < sk_X509_num(anchors.sk); ++i)
         X509_STORE_add_cert(store, sk_X509_value(anchors.sk, i));
@@ -256,7 +257,7 @@ class CrlService : public QXCurlCrlService {
       if (level >= 2) flags |= X509_V_FLAG_CRL_CHECK_ALL;
       X509_STORE_set_flags(store, flags);
       if (X509_STORE_CTX_init(ctx, store, sk_X509_value(chain.sk, 0), untrusted.sk) != 1) {
-        rc = fail(10, "cannot initialise the verification", errorCode, errorStr);
+        rc = fail(QX_ERR_NO_MEMORY, "cannot initialise the verification", errorCode, errorStr);
       } else {
         if (m_acceptStale) X509_STORE_CTX_set_verify_cb(ctx, acceptStaleCb);
         int ok = X509_verify_cert(ctx);
@@ -266,7 +267,7 @@ class CrlService : public QXCurlCrlService {
               << "Chain checked against CRLs, level [" << level << "]: not revoked";
         } else if (err == X509_V_ERR_CERT_REVOKED) {
           isRevoked = true;
-          errorCode = 9318;
+          errorCode = QX_ERR_CERT_REVOKED;
           errorStr = X509_verify_cert_error_string(err);
           QXLOG(QXLOG_PROGRESS, tag)
               << "Certificate at depth [" << X509_STORE_CTX_get_error_depth(ctx) << "] is revoked";
@@ -338,7 +339,7 @@ std::string qxCrlDirectory() { return qxInstallRoot() + "/var/crl"; }
 int qxCrlDownload(const std::string& url, std::string& out, long timeoutSec) {
   static const char tag[] = "qxCrlDownload";
   CURL* h = curl_easy_init();
-  if (h == nullptr) return 5982;
+  if (h == nullptr) return QX_ERR_CRL_UNAVAILABLE;
   std::string body;
   curl_easy_setopt(h, CURLOPT_URL, url.c_str());
   curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -354,7 +355,7 @@ int qxCrlDownload(const std::string& url, std::string& out, long timeoutSec) {
   if (rc != CURLE_OK) {
     QXLOG(QXLOG_DETAIL, tag) << "CRL download from [" << url
                              << "] failed: " << curl_easy_strerror(rc);
-    return 5982;
+    return QX_ERR_CRL_UNAVAILABLE;
   }
   QXLOG(QXLOG_PROGRESS, tag) << "Downloaded [" << body.size() << "] bytes from [" << url << "]";
   out.swap(body);

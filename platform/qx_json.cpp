@@ -90,4 +90,3 @@ int extractErrorFromJSON(const std::string& json, int& errorCode, std::string& e
   }
   return 0;
 }
-

@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "qx_log.h"
+#include "qx_status.h"
 
 extern char** environ;
 
@@ -41,7 +42,7 @@ int ProcessExec::executeCommand(const std::string& path, const std::vector<std::
                                 QXChildInfo& childInfo, const bool& wait) {
   childInfo = QXChildInfo();
   const char* tag = "ProcessExec::executeCommand";
-  if (path.empty()) return 20;
+  if (path.empty()) return QX_ERR_BAD_ARGUMENT;
 
   std::vector<char*> argv;
   argv.reserve(args.size() + 2);
@@ -54,7 +55,7 @@ int ProcessExec::executeCommand(const std::string& path, const std::vector<std::
   if (rc != 0) {
     childInfo.spawnErrno = rc;
     QXLOG(QXLOG_ERROR, tag) << "Cannot start [" << path << "]: " << strerror(rc);
-    return 29;
+    return QX_ERR_EXEC;
   }
   childInfo.pid = pid;
   // Arguments are not logged: they may carry credentials.
@@ -65,11 +66,11 @@ int ProcessExec::executeCommand(const std::string& path, const std::vector<std::
   if (waitChild(pid, &wstatus) != 0) {
     childInfo.spawnErrno = errno;
     QXLOG(QXLOG_ERROR, tag) << "Cannot wait for pid [" << pid << "]: " << strerror(errno);
-    return 29;
+    return QX_ERR_EXEC;
   }
   recordWait(wstatus, childInfo);
   if (childInfo.exited && childInfo.exitStatus == 0) return 0;
-  int status = childInfo.exited ? 30 : 31;
+  int status = childInfo.exited ? QX_ERR_CHILD_EXIT : QX_ERR_CHILD_SIGNAL;
   QXLOG(QXLOG_ERROR, tag) << "[" << path << "] " << getErrorReason(status, &childInfo);
   return status;
 }
@@ -78,9 +79,9 @@ std::string ProcessExec::getErrorReason(int status, const QXChildInfo* childInfo
   switch (status) {
     case 0:
       return "success";
-    case 20:
+    case QX_ERR_BAD_ARGUMENT:
       return "no program given";
-    case 29: {
+    case QX_ERR_EXEC: {
       std::string s = "could not be started";
       if (childInfo != nullptr && childInfo->spawnErrno != 0) {
         s += ": ";
@@ -88,10 +89,10 @@ std::string ProcessExec::getErrorReason(int status, const QXChildInfo* childInfo
       }
       return s;
     }
-    case 30:
+    case QX_ERR_CHILD_EXIT:
       return childInfo != nullptr ? "exited with code " + std::to_string(childInfo->exitStatus)
                                   : "exited with a non-zero code";
-    case 31:
+    case QX_ERR_CHILD_SIGNAL:
       if (childInfo != nullptr) {
         const char* name = sigdescr_np(childInfo->termSignal);
         return "ended by signal " + std::to_string(childInfo->termSignal) +

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qx_status.h"
+
 namespace {
 const char kProductRoot[] = "/usr/tarvo";
 }
@@ -26,12 +28,12 @@ std::string qxRootPath(const std::string& productPath) {
 }
 
 int getQXInstallDir(char* buf, size_t size) {
-  if (buf == nullptr) return 20;
+  if (buf == nullptr) return QX_ERR_BAD_ARGUMENT;
   std::string dir = qxInstallRoot();
   if (dir.back() != '/') dir += '/';
   if (dir.size() + 1 > size) {
     if (size > 0) buf[0] = '\0';
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   std::memcpy(buf, dir.c_str(), dir.size() + 1);
   return 0;

@@ -43,8 +43,8 @@ int qxOpenTrusted(const std::string& path, int flags, QXFileTrust* trust) {
   int fd = open(path.c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
   if (fd < 0) {
     t = errno == ENOENT || errno == ENOTDIR ? QX_FILE_ABSENT
-        : errno == ELOOP                   ? QX_FILE_UNTRUSTED
-                                           : QX_FILE_IO_ERROR;
+        : errno == ELOOP                    ? QX_FILE_UNTRUSTED
+                                            : QX_FILE_IO_ERROR;
     return -1;
   }
   struct stat st;

@@ -17,6 +17,7 @@
 #include "qx_config.h"
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_status.h"
 #include "qx_util.h"
 
 namespace Arvion {
@@ -190,14 +191,14 @@ int SessionTokenMgmt::writeSessionToken(const std::string& text, long expiry) {
   long long until = expiry < kAbsoluteExpiryFloor ? now + expiry : expiry;
   if (until <= now || text.size() > kMaxEntryBytes) {
     QXLOG(QXLOG_ERROR, tag) << "Refusing an entry with expiry [" << expiry << "]";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   std::string path = T_entryPath();
   std::string dir = path.substr(0, path.rfind('/') + 1);
   if (path.empty() || !makeDirs(dir.substr(0, dir.size() - 1)) ||
       !safeDir(dir.substr(0, dir.size() - 1))) {
     QXLOG(QXLOG_ERROR, tag) << "No usable session directory [" << dir << "]";
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
 
   static std::atomic<unsigned> counter{0};
@@ -205,7 +206,7 @@ int SessionTokenMgmt::writeSessionToken(const std::string& text, long expiry) {
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
     QXLOG(QXLOG_ERROR, tag) << "Cannot create [" << tmp << "]: " << std::strerror(errno);
-    return 14;
+    return QX_ERR_WRITE;
   }
   std::string data = kMagic;
   data += std::to_string(until) + "\n" + std::to_string(text.size()) + "\n";
@@ -215,7 +216,7 @@ int SessionTokenMgmt::writeSessionToken(const std::string& text, long expiry) {
   if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
     QXLOG(QXLOG_ERROR, tag) << "Cannot write [" << path << "]: " << std::strerror(errno);
     unlink(tmp.c_str());
-    return 14;
+    return QX_ERR_WRITE;
   }
   return 0;
 }
@@ -226,7 +227,7 @@ int SessionTokenMgmt::deleteSessionToken() {
   if (unlink(path.c_str()) != 0 && errno != ENOENT) {
     QXLOG(QXLOG_ERROR, "SessionTokenMgmt::deleteSessionToken")
         << "Cannot remove [" << path << "]: " << std::strerror(errno);
-    return 14;
+    return QX_ERR_WRITE;
   }
   return 0;
 }

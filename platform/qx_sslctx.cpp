@@ -13,6 +13,7 @@
 #include "qx_certmap.h"
 #include "qx_config.h"
 #include "qx_log.h"
+#include "qx_status.h"
 
 namespace {
 
@@ -39,7 +40,7 @@ int loadFile(const std::string& path, cert_util_logger_t logger, const char* tag
              std::string& data) {
   int rc = readDataFromFile(path, data);
   if (rc != 0) report(logger, tag, "Cannot read [" + path + "], status " + std::to_string(rc));
-  return rc == 20 ? 8511 : rc;
+  return rc == QX_ERR_BAD_ARGUMENT ? QX_ERR_CLIENT_CERT : rc;
 }
 
 // The common start of the three loaders: a context to load into and the
@@ -48,7 +49,7 @@ int loadInput(const std::string& path, SSL_CTX** ctx, cert_util_logger_t logger,
               std::string& data) {
   if (ctx == nullptr || *ctx == nullptr || path.empty()) {
     report(logger, tag, "Invalid argument: empty path or no SSL context");
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
   return loadFile(path, logger, tag, data);
 }
@@ -111,7 +112,7 @@ int SSLCTXHelper::set_ca_cert_in_ssl_context(const std::string& path, cert_util_
   BIO_free(bio);
   if (added == 0) {
     report(logger, tag, "No CA certificate could be loaded from [" + path + "]");
-    return 8508;
+    return QX_ERR_TRUST_STORE;
   }
   return 0;
 }
@@ -128,7 +129,7 @@ int SSLCTXHelper::set_cert_chain_in_ssl_context(const std::string& path, cert_ut
     report(logger, tag, "No usable certificate in [" + path + "]: " + opensslError());
     X509_free(leaf);
     BIO_free(bio);
-    return 8511;
+    return QX_ERR_CLIENT_CERT;
   }
   X509_free(leaf);
   SSL_CTX_clear_chain_certs(*ctx);
@@ -137,7 +138,7 @@ int SSLCTXHelper::set_cert_chain_in_ssl_context(const std::string& path, cert_ut
     if (SSL_CTX_add0_chain_cert(*ctx, x) != 1) {  // takes x on success
       X509_free(x);
       report(logger, tag, "Cannot add a chain certificate from [" + path + "]");
-      rc = 8511;
+      rc = QX_ERR_CLIENT_CERT;
       break;
     }
   }
@@ -162,7 +163,7 @@ int SSLCTXHelper::set_private_key_in_ssl_context(const std::string& path, cert_u
     report(logger, tag,
            "Cannot read the private key from [" + path + "]" +
                (pw.asked ? " (wrong or missing passphrase?): " : ": ") + why);
-    return 8511;
+    return QX_ERR_CLIENT_CERT;
   }
   bool fips = fipsMode < 0 ? fipsModeFromConfig() : fipsMode != 0;
   if (fips && !isFipsCapableKey(key)) {
@@ -171,16 +172,16 @@ int SSLCTXHelper::set_private_key_in_ssl_context(const std::string& path, cert_u
                std::string(EVP_PKEY_get0_type_name(key) ? EVP_PKEY_get0_type_name(key) : "?") +
                ", " + std::to_string(EVP_PKEY_get_bits(key)) + " bits)");
     EVP_PKEY_free(key);
-    return 8787;
+    return QX_ERR_KEY_NOT_FIPS;
   }
   rc = 0;
   if (SSL_CTX_use_PrivateKey(*ctx, key) != 1) {
     report(logger, tag, "The private key in [" + path + "] was refused: " + opensslError());
-    rc = 8511;
+    rc = QX_ERR_CLIENT_CERT;
   } else if (SSL_CTX_get0_certificate(*ctx) != nullptr && SSL_CTX_check_private_key(*ctx) != 1) {
     report(logger, tag, "The private key in [" + path + "] does not match the certificate");
     ERR_clear_error();
-    rc = 8511;
+    rc = QX_ERR_CLIENT_CERT;
   }
   EVP_PKEY_free(key);
   return rc;

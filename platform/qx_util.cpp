@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qx_status.h"
+
 namespace {
 // Value of the dotted part at s, advancing past it and its dot. Leading
 // digits count ("6a" is 6); a part without them is 0. Saturates.
@@ -113,7 +115,7 @@ void copyOut(char* dst, size_t size, const std::string& s) {
 
 int ovgetlocaleEx(char* messages, char* ctype, char* time, char* collate, char* numeric,
                   size_t size) {
-  if (size == 0 && (messages || ctype || time || collate || numeric)) return 20;
+  if (size == 0 && (messages || ctype || time || collate || numeric)) return QX_ERR_BAD_ARGUMENT;
   copyOut(messages, size, localeFor("LC_MESSAGES"));
   copyOut(ctype, size, localeFor("LC_CTYPE"));
   copyOut(time, size, localeFor("LC_TIME"));

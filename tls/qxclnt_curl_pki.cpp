@@ -12,6 +12,7 @@
 #include "qx_config.h"
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
 #include "tls/qx_tls_internal.h"
@@ -45,7 +46,7 @@ int QXClientCURL::getCATypeToUse(const caLoadType& loadType, unsigned short port
     }
   } else if (raw != CA_LOAD_CONFIGURED) {
     QXLOG(QXLOG_OPTION, tag) << "Invalid argument passed.";
-    return 20;
+    return QX_ERR_BAD_ARGUMENT;
   }
 
   certMapInfo record;
@@ -195,7 +196,7 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
       QXLOG(QXLOG_OPTION, tag) << "Missing PKI artifact(s) "
                                << (m_certPath.empty() ? "X509 Certificate " : "")
                                << (m_keyPath.empty() ? "Private Key" : "");
-      return 20;
+      return QX_ERR_BAD_ARGUMENT;
     }
     if (useFiles) {
       QXLOG(QXLOG_PROGRESS, tag) << "Setting QXCA certificates";
@@ -288,21 +289,21 @@ int QXClientCURL::setAssortedCurlPKIParams(const caLoadType& loadType,
     return true;
   };
   if (!trustStore.empty()) {
-    if (missing(trustStore, "truststore.")) return 12;
+    if (missing(trustStore, "truststore.")) return QX_ERR_FILE_NOT_FOUND;
     m_CACertPath = trustStore;
   }
   if (!crlPath.empty()) {
-    if (missing(crlPath, "CRL file path provided but couldn't load.")) return 12;
+    if (missing(crlPath, "CRL file path provided but couldn't load.")) return QX_ERR_FILE_NOT_FOUND;
     m_crlPath = crlPath;
   }
   if (forMutualAuth) {
     if (certPath.empty() || keyPath.empty()) {
       QXLOG(QXLOG_OPTION, tag) << "For mutual auth both certPath and keyPath must be specified.";
-      return 20;
+      return QX_ERR_BAD_ARGUMENT;
     }
-    if (missing(certPath, "X.509 certificate.")) return 12;
+    if (missing(certPath, "X.509 certificate.")) return QX_ERR_FILE_NOT_FOUND;
     m_certPath = certPath;
-    if (missing(keyPath, "key file.")) return 12;
+    if (missing(keyPath, "key file.")) return QX_ERR_FILE_NOT_FOUND;
     m_keyPath = keyPath;
     if (isExternalCA(usage)) {
       if (!passphrase.empty()) {
@@ -324,7 +325,7 @@ int QXClientCURL::setupCAPath() {
                                     "", "", "");
   if (rc != 0) {
     QXLOG(QXLOG_ERROR, "setupCAPath") << "Failed to set CA file path ";
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   return 0;
 }
@@ -334,7 +335,7 @@ int QXClientCURL::setCustomCAPath(const std::string& caPath, const std::string& 
   int rc = setAssortedCurlPKIParams(lt, caPath, false, "", "", "", "", "");
   if (rc != 0) {
     QXLOG(QXLOG_ERROR, "setCustomCAPath") << "Failed to set CA file path ";
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   return 0;
 }
@@ -374,7 +375,7 @@ int QXClientCURL::loadPassphraseFromFile(const std::string& path, std::string& p
     int e = errno;
     QXLOG(QXLOG_OPTION, tag) << "Failed to open passphrase file [" << path << "]."
                              << "Error reported is [" << e << "].";
-    return 12;
+    return QX_ERR_FILE_NOT_FOUND;
   }
   char buf[1024];
   std::memset(buf, 0, sizeof buf);
@@ -384,7 +385,7 @@ int QXClientCURL::loadPassphraseFromFile(const std::string& path, std::string& p
     int fe = std::ferror(f);
     QXLOG(QXLOG_OPTION, tag) << "Reading passphrase from file [" << path << "] FAILED."
                              << "Error reported is [" << fe << "].";
-    result = fe != 0 ? 114 : 8762;
+    result = fe != 0 ? QX_ERR_READ : QX_ERR_PASSPHRASE_EMPTY;
   } else {
     for (const char* p = buf; *p != '\0'; ++p)
       if (*p != '\r') text += *p;

@@ -14,6 +14,7 @@
 #include "qx_crl.h"
 #include "qx_log.h"
 #include "qx_sslctx.h"
+#include "qx_status.h"
 #include "qx_util.h"
 #include "qxclnt_curl.h"
 #include "tls/qx_tls_internal.h"
@@ -150,8 +151,8 @@ CURLcode setSslContext(SSL_CTX* ctx, void* client) {
     if (!c->m_keyPath.empty()) {
       int rc = SSLCTXHelper::set_private_key_in_ssl_context(c->m_keyPath, cert_util_logger, &ctx,
                                                             c->m_passphrase);
-      if (rc == 8787) {
-        c->m_sslCtxErrorCode = 8787;
+      if (rc == QX_ERR_KEY_NOT_FIPS) {
+        c->m_sslCtxErrorCode = QX_ERR_KEY_NOT_FIPS;
         QXLOG(QXLOG_ERROR, tag) << "Provided private key is not FIPS supported";
         return CURLE_ABORTED_BY_CALLBACK;
       }
@@ -247,16 +248,16 @@ int verifyPeer(int preverify_ok, X509_STORE_CTX* store) {
     std::unique_ptr<QXCurlCrlService> service(factory.createCrlService(
         CERT_TYPE_HOST, false, false, c->m_crlPath.empty() ? nullptr : c->m_crlPath.c_str()));
     if (!service) {
-      rc = 10;
-      errorCode = 10;
+      rc = QX_ERR_NO_MEMORY;
+      errorCode = QX_ERR_NO_MEMORY;
       errorStr = "no CRL service";
     } else {
       try {
         rc = service->checkRevocation(chain, trusted, c->m_crlCheckLevel, revoked, errorCode,
                                       errorStr, c->m_crlDownload, 0);
       } catch (...) {
-        rc = 8507;
-        errorCode = 8507;
+        rc = QX_ERR_CERT_VERIFY;
+        errorCode = QX_ERR_CERT_VERIFY;
         errorStr = "CRL service failed";
       }
     }
@@ -391,11 +392,11 @@ int QXClientCURL::extractPeerCertSAN(std::list<std::string>& names) {
   curl_certinfo* info = nullptr;
   if (!getServerCertInfo(&info)) {
     QXLOG(QXLOG_ERROR, tag) << "Failed to get Server CertInfo";
-    return 8512;
+    return QX_ERR_CERT_EXAMINE;
   }
   if (info == nullptr || info->num_of_certs < 1 || info->certinfo == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Invalid Server CertInfo";
-    return 8512;
+    return QX_ERR_CERT_EXAMINE;
   }
   qxCertInfoNames(info->certinfo[0], names);
   return 0;

@@ -12,8 +12,8 @@
 
 #include "json_token_manager.h"
 #include "qx_certmap.h"
-#include "qx_lock_file.h"
 #include "qx_config.h"
+#include "qx_lock_file.h"
 #include "qx_log.h"
 #include "qx_process.h"
 #include "qx_root.h"
@@ -246,7 +246,7 @@ void LoginWithCertManager::readTokenFile(jwtToken& token) {
     if (!parseSeconds(line, *fields[i].value)) {
       QXLOG(QXLOG_ERROR, tag) << "File " << m_tokenFilePath << " holds a malformed "
                               << fields[i].name << "line";
-      throw 13;
+      throw QX_ERR_FILE_OPEN;
     }
     QXLOG(QXLOG_PROGRESS, tag) << fields[i].name << *fields[i].value;
   }
@@ -313,7 +313,7 @@ bool LoginWithCertManager::isRetryRequired(int httpCode, const std::string& resp
     return false;
   }
   // 117: the token presented has expired.
-  bool retry = errorCode == 117;
+  bool retry = errorCode == QX_ERR_TOKEN_EXPIRED;
   QXLOG(QXLOG_PROGRESS, tag) << "Webserver returned QX error code: " << errorCode
                              << (retry ? " retry." : " do not retry.");
   return retry;

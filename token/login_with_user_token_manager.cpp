@@ -30,7 +30,6 @@ constexpr const char* kLogoutPath = "arvion/logout";
 constexpr const char* kApiKeyVariable = "ARVION_APIKEY";
 constexpr const char* kSessionStoreName = "ARVION_OSTREL_USER_TOKEN_MGMT";
 constexpr const char* kApplianceKey = "APPLIANCE_HOST";
-constexpr int kLoginRefused = 130;
 constexpr int kApiKeyFeature = 1;
 constexpr size_t kLocaleBuffer = 256;
 // The appliance script prints the session target between these.
@@ -158,14 +157,14 @@ int LoginWithUserTokenManager::getNewToken(const std::string& server, std::strin
       rc = extractErrorFromJSON(body, errorCode, message);
       if (rc != 0) {
         QXLOG(QXLOG_ERROR, tag) << "parsing of Error Response from JSON failed, retval = " << rc;
-        return kLoginRefused;
+        return QX_ERR_REQUEST_FAILED;
       }
       QXLOG(QXLOG_ERROR, tag) << "Login refused: " << message << " (" << errorCode << ")";
       // A zero from the server would read as success.
-      return errorCode != 0 ? errorCode : kLoginRefused;
+      return errorCode != 0 ? errorCode : QX_ERR_REQUEST_FAILED;
     }
     QXLOG(QXLOG_ERROR, tag) << "Login failed, http_status = " << http;
-    return kLoginRefused;
+    return QX_ERR_REQUEST_FAILED;
   });
 }
 
@@ -425,5 +424,5 @@ int LoginWithUserTokenManager::logout(const std::string& server,
     return 0;
   }
   QXLOG(QXLOG_ERROR, tag) << "POST:" << kLogoutPath << " failed, http_status = " << http;
-  return kLoginRefused;
+  return QX_ERR_REQUEST_FAILED;
 }

@@ -13,9 +13,6 @@
 
 namespace {
 constexpr const char* kLoginPath = "appliance/authservice/api/v1/auth/login";
-constexpr int kNoJsonText = 11;
-constexpr int kAnswerNotUnderstood = 43;
-constexpr int kHttpRefused = 5433;
 constexpr size_t kLocaleBuffer = 256;
 
 void initLocale() {
@@ -87,12 +84,12 @@ int qxAppTokenManager::login() {
       json_object_set_new(root.get(), "clientId", json_string("appcli")) != 0 ||
       json_object_set_new(root.get(), "clientSecret", json_string("")) != 0) {
     QXLOG(QXLOG_ERROR, tag) << "Json_dumps w/o password returned NULL";
-    return kNoJsonText;
+    return QX_ERR_ENCODE;
   }
   char* text = json_dumps(root.get(), JSON_COMPACT);
   if (text == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Json_dumps w/o password returned NULL";
-    return kNoJsonText;
+    return QX_ERR_ENCODE;
   }
   QXLOG(QXLOG_PROGRESS, tag) << "JSON string (without password)= [" << text << "]";
   free(text);
@@ -100,7 +97,7 @@ int qxAppTokenManager::login() {
   if (json_object_set_new(root.get(), "password", json_string(m_password.c_str())) != 0 ||
       (text = json_dumps(root.get(), JSON_COMPACT)) == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "Json_dumps returned NULL";
-    return kNoJsonText;
+    return QX_ERR_ENCODE;
   }
   std::string payload(text);
   free(text);
@@ -119,7 +116,7 @@ int qxAppTokenManager::login() {
   const int64_t http = client.getHttpCode();
   if (http < 200 || http > 206) {
     QXLOG(QXLOG_ERROR, tag) << "POST operation failed. HTTP error: " << http;
-    return kHttpRefused;
+    return QX_ERR_APPLIANCE_REFUSED;
   }
   const std::string& body = client.getResponseBody();
   json_error_t err;
@@ -129,16 +126,16 @@ int qxAppTokenManager::login() {
   if (!answer) {
     QXLOG(QXLOG_ERROR, tag)
         << "Unable to load json document: Failed to parse token received list from Appliance.";
-    return kAnswerNotUnderstood;
+    return QX_ERR_BAD_ANSWER;
   }
   if (!json_is_object(answer.get())) {
     QXLOG(QXLOG_ERROR, tag) << "Unable to load json document.";
-    return kAnswerNotUnderstood;
+    return QX_ERR_BAD_ANSWER;
   }
   json_t* access = json_object_get(answer.get(), "accessToken");
   if (!json_is_string(access)) {
     QXLOG(QXLOG_ERROR, tag) << "Unexpected type of json object.";
-    return kAnswerNotUnderstood;
+    return QX_ERR_BAD_ANSWER;
   }
   m_token.assign(json_string_value(access), json_string_length(access));
   QXLOG(QXLOG_PROGRESS, tag) << "Extracted the access token.";
