@@ -156,14 +156,14 @@ std::string qxMaskTraceSecrets(const char* data, size_t size) {
 std::string qxFormatTraceDump(const char* label, const std::string& data) {
   char buf[128];
   std::string out;
-  std::snprintf(buf, sizeof(buf), "%s, %10.10ld bytes (0x%8.8lx) ", label,
-                static_cast<long>(data.size()), static_cast<unsigned long>(data.size()));
+  (void)std::snprintf(buf, sizeof(buf), "%s, %10.10ld bytes (0x%8.8lx) ", label,
+                      static_cast<long>(data.size()), static_cast<unsigned long>(data.size()));
   out += buf;
   const size_t size = data.size();
   auto crlfAt = [&](size_t k) { return k + 1 < size && data[k] == '\r' && data[k + 1] == '\n'; };
   size_t i = 0;
   while (i < size) {
-    std::snprintf(buf, sizeof(buf), "%4.4lx: ", static_cast<unsigned long>(i));
+    (void)std::snprintf(buf, sizeof(buf), "%4.4lx: ", static_cast<unsigned long>(i));
     out += "\n";
     out += buf;
     size_t next = i + kDumpWidth;

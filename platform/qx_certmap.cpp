@@ -280,7 +280,7 @@ int readDataFromFile(const std::string& path, std::string& out) {
     data.append(buf, n);
   }
   if (rc == 0 && std::ferror(f)) rc = QX_ERR_FILE_OPEN;  // a directory reads as an error here
-  std::fclose(f);
+  (void)std::fclose(f);                                  // read-only: nothing to lose on close
   if (rc != 0) {
     QXLOG(QXLOG_DETAIL, "readDataFromFile")
         << "Cannot read [" << path << "], status [" << rc << "]";

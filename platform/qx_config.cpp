@@ -29,7 +29,7 @@ struct QXMasterConfig {
 
 namespace {
 
-constexpr size_t kMaxConfigBytes = 1024 * 1024;
+constexpr size_t kMaxConfigBytes = size_t{1} << 20;
 constexpr int kMaxBadLinesLogged = 20;
 const char kTag[] = "QX_read_master_config";
 

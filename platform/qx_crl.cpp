@@ -18,6 +18,7 @@
 #include "qx_certmap.h"
 #include "qx_log.h"
 #include "qx_root.h"
+#include "qx_safefile.h"
 #include "qx_status.h"
 
 namespace {
@@ -26,11 +27,17 @@ constexpr size_t kMaxCrlSize = 16u << 20;
 
 struct X509Stack {
   STACK_OF(X509) * sk = sk_X509_new_null();
+  X509Stack() = default;
+  X509Stack(const X509Stack&) = delete;
+  X509Stack& operator=(const X509Stack&) = delete;
   ~X509Stack() { sk_X509_pop_free(sk, X509_free); }
 };
 
 struct CrlList {
   std::vector<X509_CRL*> crls;
+  CrlList() = default;
+  CrlList(const CrlList&) = delete;
+  CrlList& operator=(const CrlList&) = delete;
   ~CrlList() {
     for (X509_CRL* c : crls) X509_CRL_free(c);
   }
@@ -127,18 +134,18 @@ void storeCrl(X509_CRL* crl) {
   std::string dir = qxCrlDirectory();
   if (makeDirs(dir) != 0) return;
   char name[32];
-  std::snprintf(name, sizeof name, "%08lx.r0",
-                X509_NAME_hash_ex(X509_CRL_get_issuer(crl), nullptr, nullptr, nullptr));
+  (void)std::snprintf(name, sizeof name, "%08lx.r0",
+                      X509_NAME_hash_ex(X509_CRL_get_issuer(crl), nullptr, nullptr, nullptr));
   std::string path = dir + "/" + name;
-  std::string tmp = path + ".tmp." + std::to_string(getpid());
-  FILE* f = std::fopen(tmp.c_str(), "w");
-  if (f == nullptr) return;
-  bool ok = PEM_write_X509_CRL(f, crl) == 1;
-  ok = std::fclose(f) == 0 && ok;
-  if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    std::remove(tmp.c_str());
-    return;
-  }
+  // Through a private temporary (mkstemp) and a rename: never a predictable
+  // name, never half a file.
+  BIO* mem = BIO_new(BIO_s_mem());
+  bool ok = mem != nullptr && PEM_write_bio_X509_CRL(mem, crl) == 1;
+  char* data = nullptr;
+  long len = ok ? BIO_get_mem_data(mem, &data) : 0;
+  ok = ok && len > 0 && qxReplaceFile(path, std::string(data, static_cast<size_t>(len)), 0644) == 0;
+  BIO_free(mem);
+  if (!ok) return;
   QXLOG(QXLOG_PROGRESS, "QXCurlCrlService::storeCrl") << "Stored CRL in [" << path << "]";
 }
 
@@ -303,7 +310,9 @@ class CrlService : public QXCurlCrlService {
       }
       closedir(d);
       for (const auto& n : names) {
-        std::string p = dir + "/" + n;
+        std::string p = dir;
+        p += '/';
+        p += n;
         struct stat st;
         if (stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode)) loadCrlFile(p, out);
       }

@@ -96,9 +96,10 @@ void formatLine(std::string& line, int level, int category, const char* tag,
   struct tm tmv;
   gmtime_r(&tv.tv_sec, &tmv);
   char head[96];
-  snprintf(head, sizeof head, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ %ld L%d C%d ",
-           tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec,
-           static_cast<long>(tv.tv_usec / 1000), static_cast<long>(getpid()), level, category);
+  (void)snprintf(head, sizeof head, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ %ld L%d C%d ",
+                 tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
+                 tmv.tm_sec, static_cast<long>(tv.tv_usec / 1000), static_cast<long>(getpid()),
+                 level, category);
   line = head;
   line += tag != nullptr ? tag : "-";
   line += ": ";
@@ -158,7 +159,7 @@ void logmsgvf(int level, int category, const char* tag, const char* fmt, va_list
     return;
   }
   std::unique_ptr<char[]> big(new char[static_cast<size_t>(n) + 1]);
-  vsnprintf(big.get(), static_cast<size_t>(n) + 1, fmt, ap);
+  (void)vsnprintf(big.get(), static_cast<size_t>(n) + 1, fmt, ap);
   logmsg(level, category, tag, big.get());
 }
 

@@ -161,7 +161,7 @@ int pclose_r(FILE* stream, QXChildInfo* childInfo) {
     pid = it->second;
     g_streams.erase(it);
   }
-  fclose(stream);
+  (void)fclose(stream);  // the child's status below is what counts
   int wstatus = 0;
   if (waitChild(pid, &wstatus) != 0) return -1;
   if (childInfo != nullptr) {

@@ -27,7 +27,7 @@ namespace TokenMgmt {
 namespace {
 
 const char kMagic[] = "ARVION-SESSION 1\n";
-constexpr size_t kMaxEntryBytes = 4 * 1024 * 1024;
+constexpr size_t kMaxEntryBytes = size_t{4} << 20;
 constexpr long kAbsoluteExpiryFloor = 1000000000L;  // below: seconds from now
 
 std::string homeDir() {
@@ -127,8 +127,6 @@ bool readNumberLine(const std::string& s, size_t& pos, long long& value) {
 }  // namespace
 
 SessionTokenMgmt::SessionTokenMgmt(const char* name) : m_name(name != nullptr ? name : "") {}
-
-SessionTokenMgmt::~SessionTokenMgmt() = default;
 
 int SessionTokenMgmt::setTarget(const char* target) {
   m_target = target != nullptr ? target : "";

@@ -18,7 +18,7 @@ namespace TokenMgmt {
 class SessionTokenMgmt {
  public:
   explicit SessionTokenMgmt(const char* name);
-  ~SessionTokenMgmt();
+  ~SessionTokenMgmt() = default;
 
   // The stored text, or "" on a miss (absent, expired, unreadable, corrupt).
   std::string readSessionToken();

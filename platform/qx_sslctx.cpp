@@ -66,6 +66,8 @@ int passphraseCallback(char* buf, int size, int /*rwflag*/, void* u) {
   p->asked = true;
   if (p->text == nullptr || p->text->empty()) return 0;
   if (p->text->size() > static_cast<size_t>(size)) return 0;
+  // OpenSSL takes the length returned, not a terminated string.
+  // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
   std::memcpy(buf, p->text->data(), p->text->size());
   return static_cast<int>(p->text->size());
 }

@@ -6,6 +6,8 @@
 
 // Connects a TCP socket under the preferred-network rules and hands it to
 // libcurl. For now it only keeps its parameters: libcurl connects by itself.
+// Copyable by design: a copy carries the parameters, never the socket.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API qxclnt_curl_prefnet {
  public:
   // Throws the int 2 (bad parameter) for an empty host; a negative time-out

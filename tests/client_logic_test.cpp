@@ -407,7 +407,8 @@ TEST_F(ClientTraceTest, CredentialMembersAreMasked) {
       {"[{\"accessToken\":\"s2\",\"tokenType\":\"Bearer\"}]", "\"tokenType\":\"Bearer\"", "s2"},
       {"{\"a\":{\"b\":[{\"SESSIONTOKEN\":\"s3\"}]}}", "\"SESSIONTOKEN\":\"***\"", "s3"},
       {"{\"apiKey\": 123456, \"n\":1}", "\"apiKey\": ***, \"n\":1", "123456"},
-      {"{\"clientSecret\":\"s4\",\"Authorization\":\"Bearer s5\"}", "\"clientSecret\":\"***\"", "s5"},
+      {"{\"clientSecret\":\"s4\",\"Authorization\":\"Bearer s5\"}", "\"clientSecret\":\"***\"",
+       "s5"},
       {"{\"passwordHint\":\"keep\",\"note\":\"token\"}", "keep", "***"},
   };
   for (const Case& c : cases) {

@@ -6,9 +6,9 @@
 #include <string>
 #include <thread>
 
+#include "qx_config.h"
 #include "qx_status.h"
 #include "qx_test_env.h"
-#include "qx_config.h"
 #include "qx_util.h"
 #include "qx_wnet.h"
 

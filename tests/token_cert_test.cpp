@@ -326,8 +326,16 @@ TEST_F(TokenCertLoginTest, PlantedFilesInTheTokenDirectoryAreNeverTrusted) {
   const std::string tokenPath = mgr->getTokenFilePath();
   const std::string lockPath = mgr->getLockFilePath();
   const std::string victim = this->root().path("victim");
-  enum Plant { FILE_OF_OTHER, BACKOFF_OF_OTHER, WORLD_WRITABLE, LINK, FIFO, LOCK_LINK, LOCK_OF_OTHER,
-               OLD_TEMP_NAME };
+  enum Plant {
+    FILE_OF_OTHER,
+    BACKOFF_OF_OTHER,
+    WORLD_WRITABLE,
+    LINK,
+    FIFO,
+    LOCK_LINK,
+    LOCK_OF_OTHER,
+    OLD_TEMP_NAME
+  };
   struct Case {
     const char* name;
     Plant plant;

@@ -58,8 +58,6 @@ bool QXLockFile::unlock_file() {
 
 QXTFLock::QXTFLock() : m_handle(-1), m_reserved(0) {}
 
-QXTFLock::~QXTFLock() = default;
-
 int QXTFLock::lock(const char* path, int mode) {
   if (path == nullptr || (mode != 0 && mode != 1)) return QX_ERR_BAD_ARGUMENT;
   int err = 0;

@@ -128,6 +128,6 @@ int QXWebsvcTunnelRouter::resetWebsvcTunnelServersCache(const std::string& /*mas
 bool QXWebsvcTunnelRouter::fileExists(std::string& path) {
   FILE* f = std::fopen(path.c_str(), "r");
   if (f == nullptr) return false;
-  std::fclose(f);
+  (void)std::fclose(f);  // opened for reading only
   return true;
 }

@@ -1,16 +1,17 @@
 // Replays a seed corpus through LLVMFuzzerTestOneInput, then a bounded number
 // of deterministic mutations of it, so fuzz targets run in every ctest pass
 // without libFuzzer.
+#include <dirent.h>
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
-#include <sys/stat.h>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
@@ -36,8 +37,10 @@ int main(int argc, char** argv) {
   long runs = 10000;
   std::vector<std::string> corpus;
   for (int i = 1; i < argc; ++i) {
-    if (std::strncmp(argv[i], "--runs=", 7) == 0) runs = std::atol(argv[i] + 7);
-    else loadDir(argv[i], corpus);
+    if (std::strncmp(argv[i], "--runs=", 7) == 0)
+      runs = std::atol(argv[i] + 7);
+    else
+      loadDir(argv[i], corpus);
   }
   corpus.emplace_back();
   for (const auto& s : corpus) run(s);
@@ -50,11 +53,21 @@ int main(int argc, char** argv) {
     for (int k = 0; k < edits; ++k) {
       size_t pos = s.empty() ? 0 : rng() % (s.size() + 1);
       switch (rng() % 5) {
-        case 0: if (!s.empty() && pos < s.size()) s[pos] = static_cast<char>(rng()); break;
-        case 1: s.insert(pos, 1, tokens[rng() % (sizeof(tokens) - 1)]); break;
-        case 2: if (pos < s.size()) s.erase(pos, 1 + rng() % 4); break;
-        case 3: s.insert(pos, corpus[rng() % corpus.size()].substr(0, 32)); break;
-        case 4: if (!s.empty()) s.resize(rng() % (s.size() + 1)); break;
+        case 0:
+          if (!s.empty() && pos < s.size()) s[pos] = static_cast<char>(rng());
+          break;
+        case 1:
+          s.insert(pos, 1, tokens[rng() % (sizeof(tokens) - 1)]);
+          break;
+        case 2:
+          if (pos < s.size()) s.erase(pos, 1 + rng() % 4);
+          break;
+        case 3:
+          s.insert(pos, corpus[rng() % corpus.size()].substr(0, 32));
+          break;
+        case 4:
+          if (!s.empty()) s.resize(rng() % (s.size() + 1));
+          break;
       }
     }
     run(s);

@@ -20,6 +20,9 @@ enum QXJWTRefreshDecision {
 // token is kept, per server and certificate type, in a four-line cache file
 // shared by every process of the host (token, issue time, expiry time, time
 // of the last failed login) and guarded by the process-wide JWTLock.
+// Polymorphic, with its destructor out of line to anchor the type in the
+// library; the members copy safely.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API LoginWithCertManager : public TokenManager_Base {
  public:
   // A token closer than this to its expiry is refreshed; a failed login holds

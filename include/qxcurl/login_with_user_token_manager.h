@@ -19,6 +19,9 @@ class SessionTokenMgmt;
 // Token manager for a person or script: a user session token obtained with
 // user name and password (or an API key from ARVION_APIKEY), kept in the
 // per-user session store, and given up again by deleteToken (logout).
+// Polymorphic, with its destructor out of line to anchor the type in the
+// library; the members copy safely.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API LoginWithUserTokenManager : public TokenManager_Base {
  public:
   LoginWithUserTokenManager(int port, const std::string& domainType, const std::string& domainName,

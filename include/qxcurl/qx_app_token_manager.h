@@ -8,6 +8,9 @@
 
 // Access token of a backup appliance's authentication service, obtained by a
 // user-name and password login and kept in memory for the object's life.
+// Polymorphic, with its destructor out of line to anchor the type in the
+// library; the members copy safely.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API qxAppTokenManager : public TokenManager_Base {
  public:
   qxAppTokenManager(int port, const std::string& server, const std::string& applianceConnection,

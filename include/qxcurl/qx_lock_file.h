@@ -38,7 +38,7 @@ class QX_API QXLockFile {
 class QX_API QXTFLock {
  public:
   QXTFLock();
-  ~QXTFLock();
+  ~QXTFLock() = default;  // releases nothing: JWTLock lives for the process
   // 0; 20 for a null path or a mode other than 0 and 1; 158 when the lock
   // could not be taken.
   int lock(const char* path, int mode);

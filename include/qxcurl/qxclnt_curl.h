@@ -66,6 +66,9 @@ extern int qxclientcurl_sslctx_index;
 
 // Revocation verdicts already known for a peer chain, so that a handshake
 // can skip the CRL check (the asynchronous client keeps one).
+// Polymorphic, with its destructor out of line to anchor the type in the
+// library; the members copy safely.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API QXRevocationCache {
  public:
   virtual ~QXRevocationCache();
@@ -75,6 +78,9 @@ class QX_API QXRevocationCache {
 // ---- end TLS trust and PKI ----
 
 // Abstract request interface; the slot order is part of the ABI.
+// Polymorphic, with its destructor out of line to anchor the type in the
+// library; the members copy safely.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API QXClientCURL_Base {
  public:
   virtual ~QXClientCURL_Base();
@@ -92,6 +98,9 @@ class QX_API QXClientCURL_Base {
   virtual int setJsonMediaTypeAPIVersion(const std::string& version) = 0;
 };
 
+// Polymorphic, with its destructor out of line to anchor the type in the
+// library; the members copy safely.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API QXClientCURL_BaseFactory {
  public:
   virtual ~QXClientCURL_BaseFactory();
@@ -342,6 +351,8 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
  private:
   struct Releaser {
     QXClientCURL& c;
+    Releaser(const Releaser&) = delete;
+    Releaser& operator=(const Releaser&) = delete;
     ~Releaser();
   };
   Releaser m_releaser{*this};  // keep last

@@ -8,6 +8,7 @@
 // Decides whether HTTP tunnels are used to reach a master server's web
 // service, and which tunnel servers to try, one batch per call. An empty
 // name in a batch means a direct connection.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): a value type
 class QX_API QXWebsvcTunnelRouter {
  public:
   QXWebsvcTunnelRouter();

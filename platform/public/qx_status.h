@@ -84,7 +84,8 @@
 #ifdef __cplusplus
 /* Plain ints, so that `throw QX_ERR_BAD_ARGUMENT;` throws the int every
    operation catches. */
-#define QX_STATUS_CONSTANT(name, value, text) constexpr int name = value;
+/* NOLINTNEXTLINE(bugprone-macro-parentheses): name is a declarator */
+#define QX_STATUS_CONSTANT(name, value, text) constexpr int name = (value);
 QX_STATUS_LIST(QX_STATUS_CONSTANT)
 #undef QX_STATUS_CONSTANT
 #else

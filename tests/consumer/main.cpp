@@ -1,7 +1,7 @@
 // Builds against the installed headers only: the public interface must be
 // self-contained and its symbols exported.
-#include <qxcurl/qxclnt_curl.h>
 #include <qxcurl/qx_status.h>
+#include <qxcurl/qxclnt_curl.h>
 #include <qxcurl/qxcurl_version.h>
 
 #include <cstdio>
