@@ -9,6 +9,16 @@
 
 class QXClientCURL;
 
+// libcurl's SSL-context callback (CURLOPT_SSL_CTX_FUNCTION); client is the
+// QXClientCURL. Returns CURLE_OK or CURLE_ABORTED_BY_CALLBACK.
+CURLcode set_ssl_context(CURL* curl, SSL_CTX* ctx, void* client);
+int register_verify_callback(SSL_CTX* ctx, void* client);
+int libqxcurl_verify_callback(int preverify_ok, X509_STORE_CTX* store);
+void cert_util_logger(const char* tag, const char* message);
+// Ex-data index under which an SSL_CTX carries its client; -1 until the
+// first registration (allocated once per process, never freed).
+extern int qxclientcurl_sslctx_index;
+
 // SSL-context callback that only puts the client's server-name marker on
 // the connection (own CA: no revocation check to install).
 CURLcode qxcurl_sni_context(CURL* curl, SSL_CTX* ctx, void* client);

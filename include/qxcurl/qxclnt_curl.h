@@ -54,15 +54,6 @@ enum caLoadType {
 // Fixed trust-store path for a certificate type (under the install root).
 QX_API std::string getCAFilePath(cert_type certType);
 
-// libcurl's SSL-context callback (CURLOPT_SSL_CTX_FUNCTION); client is the
-// QXClientCURL. Returns CURLE_OK or CURLE_ABORTED_BY_CALLBACK.
-CURLcode set_ssl_context(CURL* curl, SSL_CTX* ctx, void* client);
-int register_verify_callback(SSL_CTX* ctx, void* client);
-int libqxcurl_verify_callback(int preverify_ok, X509_STORE_CTX* store);
-void cert_util_logger(const char* tag, const char* message);
-// Ex-data index under which an SSL_CTX carries its client; -1 until the
-// first registration (allocated once per process, never freed).
-extern int qxclientcurl_sslctx_index;
 
 // Revocation verdicts already known for a peer chain, so that a handshake
 // can skip the CRL check (the asynchronous client keeps one).
