@@ -805,6 +805,7 @@ class App:
         self.args = args
         self.state = state
         self.tls = TlsContexts(args.pki, state)
+        self.tls_address = None  # (host, port) of the TLS listener, once bound
         self.routes = {
             PING: (("GET", "HEAD"), self.ping),
             CACERT: (("GET", "HEAD"), self.cacert),
@@ -1046,7 +1047,11 @@ class TunnelHandler(socketserver.BaseRequestHandler):
             except OSError:
                 pass
             return
-        host, sep, port = (mode["to"] or parts[1]).rpartition(":")
+        target = mode["to"] or parts[1]
+        if target == "self":
+            host, port = self.server.app.tls_address
+            target = "%s:%d" % (host, port)
+        host, sep, port = target.rpartition(":")
         host = host.strip("[]")
         if not sep or not host or not port.isdigit() or not 0 < int(port) < 65536:
             self.answer(sock, 400, "Bad Request", master)
@@ -1236,8 +1241,8 @@ def parse_tunnel(text):
             tunnel["mode"] = value
         elif key == "to":
             host, sep, port = value.rpartition(":")
-            if not sep or not host or not port.isdigit():
-                raise ValueError("to takes HOST:PORT")
+            if value != "self" and (not sep or not host or not port.isdigit()):
+                raise ValueError("to takes HOST:PORT or self")
             tunnel["to"] = value
         elif key == "status":
             if not value.isdigit() or not 100 <= int(value) <= 599:
@@ -1317,6 +1322,7 @@ def main(argv=None):
         app.tls.get("qxca", state.cert_mode)
         app.tls.get("eca", state.cert_mode)
         servers = [Server((args.host, args.port), TlsHandler, app)]
+        app.tls_address = servers[0].server_address[:2]
         control = ControlServer(("127.0.0.1", 0), app)
         servers.append(control)
         for tunnel in args.tunnel:
