@@ -46,7 +46,11 @@ const char* const kAdditionalServersMsg =
     "Additional servers specified by caller. Hence treating this as a special case and skipping "
     "reading QXU configuration.";
 
-const char* g_fallbackDir = nullptr;
+// "/tmp" unless a test relocated it.
+std::string& fallbackDir() {
+  static std::string dir = "/tmp";
+  return dir;
+}
 
 // strcasecmp that also compares bytes after a NUL (cache lines may hold any).
 bool sameName(const std::string& a, const std::string& b) {
@@ -131,7 +135,7 @@ bool storableName(const std::string& name) {
 
 // ---- cache file location and lines ----
 
-void QXWebsvcTunnelRouter::T_setFallbackDir(const char* dir) { g_fallbackDir = dir; }
+void QXWebsvcTunnelRouter::T_setFallbackDir(const char* dir) { fallbackDir() = dir ? dir : "/tmp"; }
 
 int getCacheFilePath(std::string& path, bool lockFile, bool allowTmp) {
   const char* tag = "getCacheFilePath";
@@ -156,7 +160,7 @@ int getCacheFilePath(std::string& path, bool lockFile, bool allowTmp) {
       fallback = true;
     }
   }
-  if (fallback) dir = std::string(g_fallbackDir != nullptr ? g_fallbackDir : "/tmp") + "/";
+  if (fallback) dir = fallbackDir() + "/";
   path = dir + (lockFile ? kLockFileName : kCacheFileName);
   return 0;
 }
