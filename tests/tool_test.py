@@ -35,7 +35,7 @@ TUNNEL, DEAD_TUNNEL = "127.0.2.41", "127.0.2.40"
 class ToolHost:
     """An install root, an emulator on loopback and a way to run the tool."""
 
-    def __init__(self):
+    def __init__(self, tunnel=None):
         self.pki = os.path.join(BINARY_DIR, "testpki")
         subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "testing/pki/gen_pki.py"),
                         self.pki], check=True, stdout=subprocess.DEVNULL)
@@ -56,15 +56,16 @@ class ToolHost:
         self.emulator_err = open(self.path("var/emulator.err"), "w")
         self.emulator = subprocess.Popen(
             [sys.executable, os.path.join(SOURCE_DIR, "testing/emulator/emulator.py"),
-             "--pki", self.pki, "--users", users, "--log", self.path("var/emulator.log"),
-             "--tunnel", TUNNEL + ",to=self"],
+             "--pki", self.pki, "--users", users, "--log", self.path("var/emulator.log")]
+            + (["--tunnel", tunnel] if tunnel else []),
             stdout=subprocess.PIPE, stderr=self.emulator_err, text=True)
         ready = self.emulator.stdout.readline()
         m = re.match(r"READY port=(\d+) control=(\d+)", ready)
         if not m:
-            self.close()
             with open(self.path("var/emulator.err")) as f:
-                raise RuntimeError("emulator did not start: " + f.read())
+                why = f.read()
+            self.close()
+            raise RuntimeError("emulator did not start: " + why)
         self.port, self.control = int(m.group(1)), int(m.group(2))
 
     def path(self, *parts):
@@ -122,7 +123,7 @@ class ToolTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.host = ToolHost()
+        cls.host = ToolHost(tunnel=TUNNEL + ",to=self")
 
     @classmethod
     def tearDownClass(cls):

@@ -16,16 +16,18 @@
 
 namespace {
 
-// This suite's loopback addresses for port 1556.
-const char kDead[] = "127.0.2.11";   // nothing listens
-const char kProxy[] = "127.0.2.12";  // tinyproxy
-const char kDownWrong[] = "127.0.2.13";
-const char kDownRight[] = "127.0.2.14";
-const char kRefuseRight[] = "127.0.2.15";
-const char kRefuseWrong[] = "127.0.2.16";
-const char kAuth[] = "127.0.2.17";
-const char kDrop[] = "127.0.2.18";
-const char kOtherMaster[] = "127.0.2.19";  // tunnel of another emulator
+// Roles of this suite's loopback addresses on port 1556 (see addr()).
+enum Role {
+  kDead = 1,     // nothing listens
+  kProxy,        // tinyproxy
+  kDownWrong,    // emulator: opens, nothing behind, another master
+  kDownRight,    // emulator: opens, nothing behind, this master
+  kRefuseRight,  // emulator: 502, this master
+  kRefuseWrong,  // emulator: 502, another master
+  kAuth,         // emulator: 407
+  kDrop,         // emulator: closes at once
+  kOtherMaster,  // another emulator's tunnel, relaying to itself
+};
 
 time_t g_fakeNow = 0;
 time_t fakeTime(time_t* out) {
@@ -39,15 +41,29 @@ unsigned fakeSleep(unsigned seconds) {
 
 class TunnelRoadTest : public QXEmulatorTest {
  protected:
+  // Each test case runs as its own ctest entry, possibly beside the others:
+  // each takes its own ten addresses, 127.0.2.110 and up.
+  static std::string addr(Role role) {
+    static const char* const kTests[] = {"TunnelOnlyMasterDeadFirstWorkingSecondThenRemembered",
+                                         "FailingFirstTunnelLeadsToTheNextOrEndsTheRequest",
+                                         "DirectSuccessForgetsTheMastersCachedTunnels",
+                                         "TunnelUseTwoNeverTouchesTheProxy",
+                                         "RightMasterCheck",
+                                         "FactoryHandsItsTunnelsToEveryClient"};
+    const std::string test = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    int block = 0;
+    while (block < 5 && test != kTests[block]) ++block;
+    return "127.0.2." + std::to_string(110 + 10 * block + role);
+  }
   QXEmulatorOptions emulatorOptions() const override {
     QXEmulatorOptions o;
     const std::string wrong = ",master=other,master-id=00000000-0000-0000-0000-000000000000";
-    o.tunnels = {std::string(kDownWrong) + ",mode=down" + wrong,
-                 std::string(kDownRight) + ",mode=down",
-                 std::string(kRefuseRight) + ",mode=refuse,status=502",
-                 std::string(kRefuseWrong) + ",mode=refuse,status=502" + wrong,
-                 std::string(kAuth) + ",mode=refuse,status=407",
-                 std::string(kDrop) + ",mode=drop"};
+    o.tunnels = {addr(kDownWrong) + ",mode=down" + wrong,
+                 addr(kDownRight) + ",mode=down",
+                 addr(kRefuseRight) + ",mode=refuse,status=502",
+                 addr(kRefuseWrong) + ",mode=refuse,status=502" + wrong,
+                 addr(kAuth) + ",mode=refuse,status=407",
+                 addr(kDrop) + ",mode=drop"};
     return o;
   }
   void SetUp() override {
@@ -56,7 +72,7 @@ class TunnelRoadTest : public QXEmulatorTest {
     g_fakeNow = time(nullptr);
     QXClientCURL::T_setTimeSource(&fakeTime);
     QXClientCURL::T_setTsleep(&fakeSleep);
-    m_proxy.reset(new QXTinyproxy(kProxy, emulator().port()));
+    m_proxy.reset(new QXTinyproxy(addr(kProxy), emulator().port()));
     std::string error;
     ASSERT_EQ(0, m_proxy->start(&error)) << error;
   }
@@ -90,14 +106,15 @@ class TunnelRoadTest : public QXEmulatorTest {
 
 TEST_F(TunnelRoadTest, TunnelOnlyMasterDeadFirstWorkingSecondThenRemembered) {
   ASSERT_TRUE(root().writeConfig(std::string("WEB_SERVER_TUNNEL_USE = 1\nSERVER = localhost\n") +
-                                 "MEDIA_SERVER = " + kDead + "\nMEDIA_SERVER = " + kProxy + "\n"));
+                                 "MEDIA_SERVER = " + addr(kDead) +
+                                 "\nMEDIA_SERVER = " + addr(kProxy) + "\n"));
   auto c = client();
   ASSERT_EQ(0, c->Get("arvion/ping")) << m_log.dump();
   EXPECT_EQ(200, c->m_httpCode);
-  EXPECT_EQ(kProxy, c->getTunnelUsed());
-  EXPECT_TRUE(m_log.contains(std::string("Setting proxy = [") + kDead + ":1556]"));
+  EXPECT_EQ(addr(kProxy), c->getTunnelUsed());
+  EXPECT_TRUE(m_log.contains(std::string("Setting proxy = [") + addr(kDead) + ":1556]"));
   EXPECT_FALSE(m_log.contains("Empty tunnel entry encountered"));  // never direct
-  EXPECT_EQ(std::string("\r\nlocalhost = ") + kProxy, cacheBytes());
+  EXPECT_EQ(std::string("\r\nlocalhost = ") + addr(kProxy), cacheBytes());
   EXPECT_EQ(c->m_server, c->m_tunnelName);  // proxy options cleared afterwards
 
   // The same client remembers it in memory; a new one finds it in the file.
@@ -110,7 +127,7 @@ TEST_F(TunnelRoadTest, TunnelOnlyMasterDeadFirstWorkingSecondThenRemembered) {
   EXPECT_TRUE(
       m_log.contains("Returning [1] tunnel servers from Client router's tunnel servers' "
                      "cache."));
-  EXPECT_FALSE(m_log.contains(std::string("[") + kDead + ":1556]"));
+  EXPECT_FALSE(m_log.contains(std::string("[") + addr(kDead) + ":1556]"));
   EXPECT_EQ(2u, proxyConnects());  // the first client's second request kept its connection
 }
 
@@ -118,7 +135,7 @@ TEST_F(TunnelRoadTest, TunnelOnlyMasterDeadFirstWorkingSecondThenRemembered) {
 TEST_F(TunnelRoadTest, FailingFirstTunnelLeadsToTheNextOrEndsTheRequest) {
   QXEmulatorOptions otherOptions;
   otherOptions.certMode = "wrongname";
-  otherOptions.tunnels = {std::string(kOtherMaster) + ",to=self"};
+  otherOptions.tunnels = {addr(kOtherMaster) + ",to=self"};
   otherOptions.extraArgs = {"--server-name", "other"};
   QXEmulator other(otherOptions);
   std::string error;
@@ -130,36 +147,39 @@ TEST_F(TunnelRoadTest, FailingFirstTunnelLeadsToTheNextOrEndsTheRequest) {
     std::string tunnelUsed;
     std::string logged;
   } cases[] = {
-      {kDead, 0, kProxy, "NEXT action: Trying the next tunnel."},
-      {"nohost.invalid", 0, kProxy, "Recommended next action = 4"},
-      {kAuth, 0, kProxy, "Tunnel is down. m_httpCode = 407"},
-      {kDrop, 0, kProxy, "Tunnel is down. m_httpCode = 0"},
-      {kRefuseWrong, 0, kProxy, "Host is down; but it's possibly a wrong Master server."},
-      {kDownWrong, 0, kProxy, "QbPBX/QXU on host is down; but it's possibly a wrong Master"},
-      {kOtherMaster, 0, kProxy, "Translating CURL status [60] to Arvion status [8509]"},
+      {addr(kDead), 0, addr(kProxy), "NEXT action: Trying the next tunnel."},
+      {"nohost.invalid", 0, addr(kProxy), "Recommended next action = 4"},
+      {addr(kAuth), 0, addr(kProxy), "Tunnel is down. m_httpCode = 407"},
+      {addr(kDrop), 0, addr(kProxy), "Tunnel is down. m_httpCode = 0"},
+      {addr(kRefuseWrong), 0, addr(kProxy),
+       "Host is down; but it's possibly a wrong Master server."},
+      {addr(kDownWrong), 0, addr(kProxy),
+       "QbPBX/QXU on host is down; but it's possibly a wrong Master"},
+      {addr(kOtherMaster), 0, addr(kProxy), "Translating CURL status [60] to Arvion status [8509]"},
       // The right master answered through the tunnel: it is the master that
       // is down, and another tunnel would not help.
-      {kRefuseRight, QX_ERR_RECEIVE, kRefuseRight, "Host is down. m_httpCode = 502"},
-      {kDownRight, QX_ERR_TLS_CONNECT, kDownRight, "STOPping retrying the connection."},
+      {addr(kRefuseRight), QX_ERR_RECEIVE, addr(kRefuseRight), "Host is down. m_httpCode = 502"},
+      {addr(kDownRight), QX_ERR_TLS_CONNECT, addr(kDownRight), "STOPping retrying the connection."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.first);
     ASSERT_TRUE(
         root().writeConfig("WEB_SERVER_TUNNEL_USE = 1\nSERVER = localhost\n"
                            "WEB_SERVER_TUNNEL = localhost " +
-                           c.first + "\nMEDIA_SERVER = " + kProxy + "\n"));
+                           c.first + "\nMEDIA_SERVER = " + addr(kProxy) + "\n"));
     unlink(cachePath().c_str());
     m_log.clear();
     auto client1 = client();
     EXPECT_EQ(c.status, client1->Get("arvion/ping"));
     EXPECT_EQ(c.tunnelUsed, client1->getTunnelUsed());
     EXPECT_TRUE(m_log.contains(c.logged)) << m_log.dump();
-    EXPECT_EQ(c.status == 0 ? std::string("\r\nlocalhost = ") + kProxy : "", cacheBytes());
+    EXPECT_EQ(c.status == 0 ? std::string("\r\nlocalhost = ") + addr(kProxy) : "", cacheBytes());
   }
 }
 
 TEST_F(TunnelRoadTest, DirectSuccessForgetsTheMastersCachedTunnels) {
-  ASSERT_TRUE(qxWriteFile(cachePath(), std::string("\r\nlocalhost = ") + kDead + "\r\nother = x"));
+  ASSERT_TRUE(
+      qxWriteFile(cachePath(), std::string("\r\nlocalhost = ") + addr(kDead) + "\r\nother = x"));
   ASSERT_TRUE(root().writeConfig("WEB_SERVER_TUNNEL_USE = 0\nSERVER = localhost\n"));
   auto c = client();
   ASSERT_EQ(0, c->Get("arvion/ping"));
@@ -169,8 +189,8 @@ TEST_F(TunnelRoadTest, DirectSuccessForgetsTheMastersCachedTunnels) {
 
 TEST_F(TunnelRoadTest, TunnelUseTwoNeverTouchesTheProxy) {
   ASSERT_TRUE(root().writeConfig(std::string("WEB_SERVER_TUNNEL_USE = 2\nSERVER = localhost\n") +
-                                 "WEB_SERVER_TUNNEL = localhost " + kProxy +
-                                 "\nMEDIA_SERVER = " + kProxy + "\n"));
+                                 "WEB_SERVER_TUNNEL = localhost " + addr(kProxy) +
+                                 "\nMEDIA_SERVER = " + addr(kProxy) + "\n"));
   auto c = client();
   ASSERT_EQ(0, c->Get("arvion/ping"));
   EXPECT_EQ("", c->getTunnelUsed());
@@ -217,14 +237,15 @@ TEST_F(TunnelRoadTest, RightMasterCheck) {
 }
 
 TEST_F(TunnelRoadTest, FactoryHandsItsTunnelsToEveryClient) {
-  QXClientCURLFactory factory("", {kProxy, kDead});
+  QXClientCURLFactory factory("", {addr(kProxy), addr(kDead)});
   for (int i = 0; i < 2; ++i) {
     std::unique_ptr<QXClientCURL_Base> base(
         factory.generateCURL("localhost", emulator().port(), QXCURL_INSECURE));
     auto* c = dynamic_cast<QXClientCURL*>(base.get());
     ASSERT_NE(nullptr, c);
     EXPECT_TRUE(c->m_tunnelRouter->m_hasAdditionalServers);
-    EXPECT_EQ((std::list<std::string>{kProxy, kDead}), c->m_tunnelRouter->m_additionalServers);
+    EXPECT_EQ((std::list<std::string>{addr(kProxy), addr(kDead)}),
+              c->m_tunnelRouter->m_additionalServers);
   }
 }
 
