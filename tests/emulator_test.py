@@ -431,24 +431,6 @@ class TunnelModeTest(EmulatorCase):
                     if address == "127.0.2.234":  # opened, then nothing behind it
                         self.assertEqual(sock.recv(100), b"")
 
-    def test_relay_to_a_fixed_other_target(self):
-        other = Emulator("--server-name", "othermaster", "--host-uuid", "1111",
-                         "--tunnel", "127.0.2.235,to=127.0.0.1:%d" % self.emu.port)
-        try:
-            # The CONNECT names the other emulator; the tunnel leads here.
-            sock = socket.create_connection(("127.0.2.235", 1556), 5)
-            sock.sendall(b"CONNECT localhost:%d HTTP/1.1\r\n\r\n" % other.port)
-            resp = http.client.HTTPResponse(sock, method="CONNECT")
-            resp.begin()
-            self.assertEqual((resp.status, resp.getheader("X-Target-Master")), (200, "othermaster"))
-            with client_context().wrap_socket(sock, server_hostname="QXCA") as tls:
-                tls.sendall(b"GET /arvion/ping HTTP/1.1\r\nHost: localhost\r\n\r\n")
-                resp = http.client.HTTPResponse(tls)
-                resp.begin()
-                self.assertEqual(resp.getheader("X-Target-Master"), "localhost")
-        finally:
-            other.stop()
-
 
 class LifecycleTest(unittest.TestCase):
     def test_sigterm_exits_cleanly_with_only_the_ready_line(self):

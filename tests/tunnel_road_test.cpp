@@ -224,16 +224,6 @@ TEST_F(TunnelRoadTest, RightMasterCheck) {
   std::string out = "untouched";
   EXPECT_EQ(QX_ERR_BAD_ARGUMENT, cl->getMasterHostUuid("", out));
   EXPECT_EQ("untouched", out);
-
-  // Tunnel options: the port is added, and an empty entry means direct.
-  EXPECT_EQ(0, cl->setorResetTunnelOptions("mediaA"));
-  EXPECT_EQ("mediaA", cl->m_tunnelName);
-  EXPECT_TRUE(m_log.contains("Setting proxy = [mediaA:1556] to be used as HTTP tunnel"));
-  EXPECT_EQ(0, cl->setorResetTunnelOptions(""));
-  EXPECT_EQ("localhost", cl->m_tunnelName);
-  cl->m_triedTunnels = {"mediaA"};
-  EXPECT_TRUE(cl->isTunnelAlreadyTried("MEDIAA"));
-  EXPECT_FALSE(cl->isTunnelAlreadyTried("mediaB"));
 }
 
 TEST_F(TunnelRoadTest, FactoryHandsItsTunnelsToEveryClient) {

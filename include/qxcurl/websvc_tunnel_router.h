@@ -46,9 +46,9 @@ class QX_API QXWebsvcTunnelRouter {
 };
 
 // One line of the cache file: false for an empty or malformed line.
-bool parse_cache_line(std::string line, std::string& key, std::string& value);
+QX_API bool parse_cache_line(std::string line, std::string& key, std::string& value);
 // Path of the cache file (or of its lock file). allowTmp lets a missing or
 // read-only install directory fall back to "/tmp"; without it that is 142.
-int getCacheFilePath(std::string& path, bool lockFile, bool allowTmp);
-int get_cache_file_names(std::string& cacheFile, std::string& lockFile, bool allowTmp);
+QX_API int getCacheFilePath(std::string& path, bool lockFile, bool allowTmp);
+QX_API int get_cache_file_names(std::string& cacheFile, std::string& lockFile, bool allowTmp);
 #endif
