@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "client/qxclnt_curl_option.h"
+#include "client/qxclnt_retry.h"
 #include "prefnet/qxclnt_prefnet.h"
 #include "qx_config.h"
 #include "qx_log.h"
@@ -23,7 +24,6 @@ bool QXClientCURL::gAppControlledInitCleanup = false;
 namespace {
 constexpr long DEFAULT_OPERATION_TIMEOUT = 300;
 constexpr long CONNECTOR_TIMEOUT = 300;
-constexpr int64_t DEFAULT_RETRY_WINDOW = 30;
 const char* const PRIV_KEY_SUFFIX = "/var/qbss/credentials/keystore/PrivKeyFile.pem";
 
 CURLcode (*g_easyPerformer)(CURL*) = nullptr;
@@ -176,7 +176,7 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
   m_retryCount = 0;
   if (m_connectionTimeout == 0) {
     m_connectionTimeout = m_tunnelRouter->getWebServerConnectTimeout();
-    if (m_connectionTimeout == 0) m_connectionTimeout = DEFAULT_RETRY_WINDOW;
+    if (m_connectionTimeout == 0) m_connectionTimeout = qxretry::kDefaultWindowSec;
   }
   m_triedTunnels.clear();
   if (tokenManager != nullptr) m_ownsTokenManager = ownsTokenManager;

@@ -1,7 +1,5 @@
 // Request verbs, the perform loop with its connection retries, the retry
-// timer, token refresh and the client's tunnel options.
-#include <strings.h>
-
+// timer and token refresh. The tunnel road is in tunnel/qxclnt_curl_tunnel.cpp.
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -17,8 +15,6 @@
 #include "websvc_tunnel_router.h"
 
 namespace {
-constexpr int64_t DEFAULT_RETRY_WINDOW = 30;
-const char* const TUNNEL_PORT = "1556";
 
 using qxretry::NEXT_SILENT;
 using qxretry::NEXT_TUNNEL;
@@ -355,6 +351,7 @@ int QXClientCURL::decideNextConnectRetryAction(int status, bool tunnelUsed) {
 int QXClientCURL::performOperation() {
   const char* tag = "QXClientCURL::performOperation";
   m_connectHost = m_server;
+  m_tunnelUsed.clear();
   bool localIsServer = wnet_is_server("localhost");
   if (!m_routeOnServer && localIsServer) return performCurlOperation();
   if (m_tunnelRouter == nullptr) return QX_ERR_NO_MEMORY;
@@ -372,70 +369,7 @@ int QXClientCURL::performOperation() {
     }
   }
 
-  QXLOG(QXLOG_PROGRESS, tag) << "Configuration suggests use of tunnel.";
-  QXLOG(QXLOG_PROGRESS, tag) << "Looking up tunnels for master server [" << m_server << "].";
-  m_tunnelRouter->resetState();
-  if (m_connectionTimeout == 0) {
-    m_connectionTimeout = m_tunnelRouter->getWebServerConnectTimeout();
-    if (m_connectionTimeout == 0) m_connectionTimeout = DEFAULT_RETRY_WINDOW;
-  }
-  // Reported when the router offers nothing at all: no attempt reached the
-  // server.
-  int status = QX_ERR_CONNECT;
-  bool done = false;
-  while (!done) {
-    QXLOG(QXLOG_PROGRESS, tag) << "Querying client router for a list of tunnels.";
-    std::list<std::string> candidates = m_tunnelRouter->getWebsvcTunnelServers(m_server);
-    QXLOG(QXLOG_PROGRESS, tag) << "Received a list of potential tunnels.";
-    if (candidates.empty()) {
-      QXLOG(QXLOG_PROGRESS, tag) << "Router returned 0 suggestions for tunnel. Exiting...";
-      break;
-    }
-    for (const std::string& candidate : candidates) {
-      if (!m_retrying) m_connection_start_time = T_time();
-      if (!candidate.empty() && isTunnelAlreadyTried(candidate)) continue;
-      if (!candidate.empty()) {
-        enableTunnelOptions(candidate);
-        m_triedTunnels.push_back(candidate);
-      } else {
-        QXLOG(QXLOG_PROGRESS, tag)
-            << "Empty tunnel entry encountered. Will try a direct connection to the Master "
-               "server.";
-        disableTunnelOptions();
-      }
-      bool nextCandidate = false;
-      while (!nextCandidate && !done) {
-        status = performCurlOperation();
-        if (status == 0) {
-          std::string tunnel = candidate;
-          if (!tunnel.empty()) {
-            m_tunnelRouter->updateWebsvcTunnelServersCache(m_server, tunnel);
-          } else {
-            m_tunnelRouter->resetWebsvcTunnelServersCache(m_server);
-          }
-          done = true;
-          break;
-        }
-        int action = decideNextConnectRetryAction(status, !candidate.empty());
-        if (action == NEXT_TUNNEL) {
-          QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Trying the next tunnel.";
-          nextCandidate = true;
-        } else if (action == NEXT_SILENT) {
-          nextCandidate = true;
-        } else if (action == STOP) {
-          done = true;
-        } else {
-          if (action == RETRY_DIRECT) {
-            QXLOG(QXLOG_PROGRESS, tag) << "NEXT action: Retrying the connection.";
-          }
-          if (!retryUnderWindow()) done = true;
-        }
-      }
-      if (done) break;
-    }
-  }
-  disableTunnelOptions();
-  return status;
+  return performThroughTunnels();
 }
 
 int QXClientCURL::performCurlOperation() {
@@ -560,75 +494,6 @@ int QXClientCURL::performCurlOperation() {
     QXLOG(QXLOG_PROGRESS, tag) << "Fetched httpcode = " << code;
   }
 }
-
-// ---- tunnels ----
-
-bool QXClientCURL::isHttpTunnelAllowed() {
-  QXLOG(QXLOG_PROGRESS, "QXClientCURL::isHttpTunnelAllowed")
-      << "isHttpTunnelAllowed = [" << m_tunnelAllowed << "]";
-  return m_tunnelAllowed;
-}
-
-int QXClientCURL::enableHttpTunnelUse() {
-  QXLOG(QXLOG_PROGRESS, "QXClientCURL::enableHttpTunnelUse") << "Enabling use of Http Tunnel...";
-  m_tunnelAllowed = true;
-  return 1;
-}
-
-int QXClientCURL::disableHttpTunnelUse() {
-  QXLOG(QXLOG_PROGRESS, "QXClientCURL::disableHttpTunnelUse") << "Disabling use of Http Tunnel...";
-  m_tunnelAllowed = false;
-  return 1;
-}
-
-int QXClientCURL::setAdditionalTunnelServers(std::list<std::string>& servers) {
-  return m_tunnelRouter ? m_tunnelRouter->setAdditionalTunnelServers(servers) : QX_ERR_NO_MEMORY;
-}
-
-int QXClientCURL::enableTunnelOptions(std::string tunnel) {
-  const char* tag = "QXClientCURL::enableTunnelOptions";
-  std::string proxy = tunnel + ":" + TUNNEL_PORT;
-  m_tunnelName = tunnel;
-  QXLOG(QXLOG_PROGRESS, tag) << "Setting proxy = [" << proxy << "] to be used as HTTP tunnel";
-  int rc = setCurlOptionLogged(CURLOPT_PROXY, proxy.c_str(), "CURLOPT_PROXY", QXLOG_DETAIL);
-  QXLOG(QXLOG_PROGRESS, tag)
-      << "Setting --proxytunnel to 1 to use the specified proxy as HTTP tunnel";
-  int rc2 =
-      setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 1L, "CURLOPT_HTTPPROXYTUNNEL", QXLOG_DETAIL);
-  return rc != 0 ? rc : rc2;
-}
-
-int QXClientCURL::disableTunnelOptions() {
-  const char* tag = "disableTunnelOptions";
-  m_tunnelName = m_server;
-  QXLOG(QXLOG_PROGRESS, tag) << "Disabling any --proxy option previously set.";
-  int rc = setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY", QXLOG_DETAIL);
-  QXLOG(QXLOG_PROGRESS, tag) << "Disabling any --proxytunnel option previously set.";
-  int rc2 =
-      setCurlOptionLogged(CURLOPT_HTTPPROXYTUNNEL, 0L, "CURLOPT_HTTPPROXYTUNNEL", QXLOG_DETAIL);
-  return rc != 0 ? rc : rc2;
-}
-
-int QXClientCURL::setorResetTunnelOptions(std::string tunnel) {
-  if (!tunnel.empty()) return enableTunnelOptions(tunnel);
-  QXLOG(QXLOG_PROGRESS, "QXClientCURL::setorResetTunnelOptions")
-      << "Empty tunnel entry encountered. Will try a direct connection to the Master server.";
-  return disableTunnelOptions();
-}
-
-bool QXClientCURL::isTunnelAlreadyTried(std::string tunnel) {
-  for (const std::string& tried : m_triedTunnels) {
-    if (strcasecmp(tried.c_str(), tunnel.c_str()) == 0) {
-      QXLOG(QXLOG_PROGRESS, "QXClientCURL::isTunnelAlreadyTried")
-          << "Tunnel [" << tunnel << "] has already been tried before.";
-      return true;
-    }
-  }
-  return false;
-}
-
-// The answering master is not checked yet: every tunnel counts as reaching it.
-bool QXClientCURL::isTunnelConnectedToRightMaster() { return true; }
 
 // ---- preferred-network connection ----
 

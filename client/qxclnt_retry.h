@@ -16,6 +16,10 @@
 
 namespace qxretry {
 
+// The retry window when neither the caller nor the configuration sets one,
+// and the least window after a 502, 503, 406 or 415 in the asynchronous client.
+constexpr int64_t kDefaultWindowSec = 30;
+
 // Next-action codes of the perform loops.
 enum NextAction {
   STOP = 0,          // return the status to the caller

@@ -129,6 +129,10 @@ TEST_F(ClientLogicTest, NextConnectRetryActionTable) {
       {8503, 5, 0, false, 0},   {41, 28, 0, false, 0},    // timeout
       {8509, 7, 0, true, 4},    {42, 56, 504, true, 0},
   };
+  // The tunnel's answer names this client's master (the verdicts for a
+  // wrong master are checked with the tunnel road).
+  m_client->m_responseHeaders =
+      "HTTP/1.1 200 Connection established\r\nX-Target-Master: localhost\r\n";
   for (const Case& c : cases) {
     m_client->m_curlError = c.curlError;
     m_client->m_httpCode = c.http;

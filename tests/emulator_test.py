@@ -401,6 +401,37 @@ class TunnelTest(EmulatorCase):
         self.assertEqual(self.emu.requests()[0]["method"], "CONNECT")
 
 
+class TunnelModeTest(EmulatorCase):
+    # This suite's share of the tunnel tests' loopback range.
+    MODES = {"127.0.2.231": "", "127.0.2.232": ",mode=refuse,status=407",
+             "127.0.2.233": ",mode=drop", "127.0.2.234": ",mode=down,master=other,master-id="}
+    extra_args = tuple(a for addr, opts in MODES.items() for a in ("--tunnel", addr + opts))
+
+    def connect(self, address):
+        sock = socket.create_connection((address, 1556), 5)
+        target = "localhost:%d" % self.emu.port
+        sock.sendall(("CONNECT %s HTTP/1.1\r\nHost: %s\r\n\r\n" % (target, target)).encode())
+        return sock
+
+    def test_each_tunnel_keeps_its_behaviour_and_names_its_master(self):
+        uuid = self.emu.ctl("GET", "/config")[1]["targetMasterId"]
+        cases = [("127.0.2.231", 200, "localhost", uuid), ("127.0.2.232", 407, "localhost", uuid),
+                 ("127.0.2.233", None, None, None), ("127.0.2.234", 200, "other", None)]
+        for address, status, master, master_id in cases:
+            with self.subTest(address=address):
+                with self.connect(address) as sock:
+                    if status is None:
+                        self.assertEqual(sock.recv(100), b"")
+                        continue
+                    resp = http.client.HTTPResponse(sock, method="CONNECT")
+                    resp.begin()
+                    self.assertEqual((resp.status, resp.getheader("X-Target-Master"),
+                                      resp.getheader("X-Target-Master-ID")),
+                                     (status, master, master_id))
+                    if address == "127.0.2.234":  # opened, then nothing behind it
+                        self.assertEqual(sock.recv(100), b"")
+
+
 class LifecycleTest(unittest.TestCase):
     def test_sigterm_exits_cleanly_with_only_the_ready_line(self):
         emu = Emulator("--log", os.path.join(TMP, "emu.log"))

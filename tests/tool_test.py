@@ -11,6 +11,7 @@ import re
 import select
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -26,12 +27,15 @@ TOOL = os.path.join(BINARY_DIR, "qxcurl")
 # A password nothing else in a log could contain by chance.
 USER, PASSWORD = "alice", "Pw-7f3a9c-never-logged"
 LONG_TOKEN = "tok-" + "9d2e" * 8 + "-end"
+# This suite's tunnels: the emulator's own, which reaches it whatever port a
+# CONNECT names, and an address where nothing listens.
+TUNNEL, DEAD_TUNNEL = "127.0.2.41", "127.0.2.40"
 
 
 class ToolHost:
     """An install root, an emulator on loopback and a way to run the tool."""
 
-    def __init__(self):
+    def __init__(self, tunnel=None):
         self.pki = os.path.join(BINARY_DIR, "testpki")
         subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "testing/pki/gen_pki.py"),
                         self.pki], check=True, stdout=subprocess.DEVNULL)
@@ -52,14 +56,16 @@ class ToolHost:
         self.emulator_err = open(self.path("var/emulator.err"), "w")
         self.emulator = subprocess.Popen(
             [sys.executable, os.path.join(SOURCE_DIR, "testing/emulator/emulator.py"),
-             "--pki", self.pki, "--users", users, "--log", self.path("var/emulator.log")],
+             "--pki", self.pki, "--users", users, "--log", self.path("var/emulator.log")]
+            + (["--tunnel", tunnel] if tunnel else []),
             stdout=subprocess.PIPE, stderr=self.emulator_err, text=True)
         ready = self.emulator.stdout.readline()
         m = re.match(r"READY port=(\d+) control=(\d+)", ready)
         if not m:
-            self.close()
             with open(self.path("var/emulator.err")) as f:
-                raise RuntimeError("emulator did not start: " + f.read())
+                why = f.read()
+            self.close()
+            raise RuntimeError("emulator did not start: " + why)
         self.port, self.control = int(m.group(1)), int(m.group(2))
 
     def path(self, *parts):
@@ -99,9 +105,9 @@ class ToolHost:
         return env
 
     def run(self, *args, server=True, input=None):
-        """Runs the tool; a leading login/logout/token stays first."""
+        """Runs the tool; a leading command word stays first."""
         args = list(args)
-        command = args[:1] if args and args[0] in ("login", "logout", "token") else []
+        command = args[:1] if args and args[0] in ("login", "logout", "token", "tunnels") else []
         target = []
         if server:
             target = ["--server", "localhost", "--port", str(self.port)]
@@ -117,7 +123,7 @@ class ToolTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.host = ToolHost()
+        cls.host = ToolHost(tunnel=TUNNEL + ",to=self")
 
     @classmethod
     def tearDownClass(cls):
@@ -181,6 +187,10 @@ class ToolTest(unittest.TestCase):
             (("login", "--password-file", "/dev/null"), True, r"login needs --user"),
             (("login", "--user", "u"), True, r"login needs --domain-type"),
             (("token", "extra"), True, r"unexpected argument extra"),
+            (("--tunnel", "t", "--no-tunnel", "GET", "x"), True, r"exclude each other"),
+            (("--reset", "GET", "x"), True, r"--reset does not apply to METHOD PATH"),
+            (("tunnels", "--data", "x"), True, r"--data does not apply to tunnels"),
+            (("tunnels", "--server", ""), False, r"--server is required\nqxcurl: status 20: "),
             # What the library refuses with status 20.
             (("--server", "", "GET", "arvion/ping"), False,
              r"--server is required\nqxcurl: status 20: "),
@@ -199,6 +209,43 @@ class ToolTest(unittest.TestCase):
                 self.assertRegex(r.stderr, err)
                 self.assertEqual("", r.stdout)
         self.assertEqual([], self.host.requests(), "a usage error reached the server")
+
+    def test_tunnels(self):
+        closed = socket.socket()
+        closed.bind(("127.0.0.1", 0))
+        dead_port = str(closed.getsockname()[1])
+        closed.close()
+        cache = self.host.path("arvion/websvctunnels.cache")
+        if os.path.exists(cache):
+            os.remove(cache)
+        # Only the tunnel reaches the master: the direct attempt is refused, the
+        # first tunnel is dead, the second works and is remembered.
+        via = ("--port", dead_port, "--tunnel", DEAD_TUNNEL, "--tunnel", TUNNEL)
+        r = self.host.run(*via, "-i", "--verbose", "GET", "arvion/ping")
+        self.assertExit(r, 0)
+        self.assertTrue(r.stdout.startswith("Tunnel: %s:1556\nHTTP/1.1 200 Connection" % TUNNEL))
+        self.assertIn("qxcurl: tunnel %s:1556\n" % TUNNEL, r.stderr)
+        self.assertIn("[%s:1556]" % DEAD_TUNNEL, r.stderr)
+        with open(cache, "rb") as f:
+            self.assertEqual(b"\r\nlocalhost = " + TUNNEL.encode(), f.read())
+        self.assertEqual(TUNNEL + "\n", self.host.run("tunnels").stdout)
+        # The next request takes the remembered tunnel first.
+        r = self.host.run(*via, "--verbose", "GET", "arvion/ping")
+        self.assertExit(r, 0)
+        self.assertNotIn("[%s:1556]" % DEAD_TUNNEL, r.stderr)
+        self.assertExit(self.host.run("tunnels", "--reset"), 0)
+        self.assertEqual("", self.host.run("tunnels").stdout)
+
+        # Tunnels only, by configuration; --no-tunnel goes direct all the same.
+        self.host.write_config("WEB_SERVER_TUNNEL_USE = 1\nMEDIA_SERVER = %s\n" % TUNNEL)
+        for args, tunnelled in ((), True), (("--no-tunnel",), False):
+            with self.subTest(args=args):
+                self.host.control_call("POST", "reset")
+                r = self.host.run(*args, "-i", "GET", "arvion/ping")
+                self.assertExit(r, 0)
+                self.assertEqual(tunnelled, r.stdout.startswith("Tunnel: %s:1556\n" % TUNNEL))
+                self.assertEqual(tunnelled, bool(self.host.requests("localhost:%d" % self.host.port)))
+        os.remove(cache)
 
     def test_include_data_file_and_certificate_login(self):
         body = self.write("body.json", '{"hosts": ["h1",\n "h2"]}')

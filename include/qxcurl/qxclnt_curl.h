@@ -197,7 +197,15 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int disableTunnelOptions();
   int setorResetTunnelOptions(std::string tunnel);
   bool isTunnelAlreadyTried(std::string tunnel);
+  // UUID of master in the host's certificate map (own CA); uuid is left
+  // empty when there is none. 20 for an empty master.
+  int getMasterHostUuid(const std::string& master, std::string& uuid);
+  // After an answer through a tunnel: whether the tunnel's "X-Target-Master-ID"
+  // (else "X-Target-Master") names this client's master.
   bool isTunnelConnectedToRightMaster();
+  // The tunnel that carried the last attempt of the last operation
+  // (empty: a direct connection).
+  const std::string& getTunnelUsed() const { return m_tunnelUsed; }
 
   // ---- preferred-network connection ----
   int connectToPBXExchange();
@@ -299,6 +307,7 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   QXWebsvcTunnelRouter* m_tunnelRouter = nullptr;
   std::list<std::string> m_triedTunnels;
   std::string m_tunnelName;
+  std::string m_tunnelUsed;
   bool m_useBearer = false;
   std::string m_connectHost;
   int m_port = 0;
@@ -333,6 +342,9 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int setUrlForPath(const std::string& path, const char* failText);
   int setBodyOptions(const char* method, const std::string& payload);
   int retryUnderWindow();
+  // The tunnel road of performOperation: candidates batch by batch, then the
+  // proxy options cleared.
+  int performThroughTunnels();
   // A failure is logged at level (8 unless the caller says otherwise), mapped
   // and returned.
   int setCurlOptionLogged(CURLoption option, long value, const char* name, int level = 8);

@@ -8,7 +8,13 @@
 // Decides whether HTTP tunnels are used to reach a master server's web
 // service, and which tunnel servers to try, one batch per call. An empty
 // name in a batch means a direct connection.
-// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): a value type
+//
+// Sources, in order: the tunnel that last worked (memory), the
+// administrator's overrides, the host's tunnel cache file, the direct
+// connection, the SERVER and media server lists; a caller's additional
+// servers replace the configuration sources. The cache file
+// "websvctunnels.cache" (lock "websvctunnels.lck") is shared by every process
+// of the host: one "master = tunnel" entry per line.
 class QX_API QXWebsvcTunnelRouter {
  public:
   QXWebsvcTunnelRouter();
@@ -25,7 +31,12 @@ class QX_API QXWebsvcTunnelRouter {
   int addTunnelServerToCache(std::string& master, std::string& tunnel);
   void updateWebsvcTunnelServersCache(std::string& master, std::string& tunnel);
   int resetWebsvcTunnelServersCache(const std::string& master);
+  // True when something that a cache reader would open is at path (a
+  // symbolic link counts, so that the reader refuses it and says why).
   static bool fileExists(std::string& path);
+
+  // Test seam: the fallback directory used instead of "/tmp" (null restores it).
+  static void T_setFallbackDir(const char* dir);
 
   int m_tunnelUse = 0;
   int m_lookupState = 0;
@@ -33,4 +44,11 @@ class QX_API QXWebsvcTunnelRouter {
   bool m_hasAdditionalServers = false;
   std::string m_lastTunnel;
 };
+
+// One line of the cache file: false for an empty or malformed line.
+QX_API bool parse_cache_line(std::string line, std::string& key, std::string& value);
+// Path of the cache file (or of its lock file). allowTmp lets a missing or
+// read-only install directory fall back to "/tmp"; without it that is 142.
+QX_API int getCacheFilePath(std::string& path, bool lockFile, bool allowTmp);
+QX_API int get_cache_file_names(std::string& cacheFile, std::string& lockFile, bool allowTmp);
 #endif

@@ -109,6 +109,7 @@ REASONS = {
     404: "Not Found",
     405: "Method Not Allowed",
     406: "Not Acceptable",
+    407: "Proxy Authentication Required",
     413: "Payload Too Large",
     415: "Unsupported Media Type",
     500: "Internal Server Error",
@@ -804,6 +805,7 @@ class App:
         self.args = args
         self.state = state
         self.tls = TlsContexts(args.pki, state)
+        self.tls_address = None  # (host, port) of the TLS listener, once bound
         self.routes = {
             PING: (("GET", "HEAD"), self.ping),
             CACERT: (("GET", "HEAD"), self.cacert),
@@ -1019,6 +1021,8 @@ class TunnelHandler(socketserver.BaseRequestHandler):
         if parts[0] != "CONNECT":
             self.answer(sock, 405, "Method Not Allowed")
             return
+        mode = self.server.tunnel
+        master = self.master_headers(state, mode)
         fault = state.take_fault("CONNECT")
         if fault:
             if fault["kind"] == "delay":
@@ -1026,27 +1030,43 @@ class TunnelHandler(socketserver.BaseRequestHandler):
             elif fault["kind"] in ("drop", "close"):
                 return
             elif fault["kind"] == "status":
-                self.answer(sock, fault["status"], REASONS.get(fault["status"], "Status"))
+                self.answer(sock, fault["status"], REASONS.get(fault["status"], "Status"), master)
                 return
             elif fault["kind"] in ("502", "503"):
-                self.answer(sock, int(fault["kind"]), REASONS[int(fault["kind"])])
+                self.answer(sock, int(fault["kind"]), REASONS[int(fault["kind"])], master)
                 return
-        host, sep, port = parts[1].rpartition(":")
+        if mode["mode"] == "drop":
+            return
+        if mode["mode"] == "refuse":
+            self.answer(sock, mode["status"], REASONS.get(mode["status"], "Status"), master)
+            return
+        if mode["mode"] == "down":
+            # The tunnel opens, but nothing answers behind it.
+            try:
+                self.answer(sock, 200, "Connection established", master, final=False)
+            except OSError:
+                pass
+            return
+        target = mode["to"] or parts[1]
+        if target == "self":
+            host, port = self.server.app.tls_address
+            target = "%s:%d" % (host, port)
+        host, sep, port = target.rpartition(":")
         host = host.strip("[]")
         if not sep or not host or not port.isdigit() or not 0 < int(port) < 65536:
-            self.answer(sock, 400, "Bad Request")
+            self.answer(sock, 400, "Bad Request", master)
             return
         try:
             upstream = socket.create_connection((host, int(port)), timeout=5)
         except OSError as e:
             LOG.info("tunnel to %s failed: %s", parts[1], e)
-            self.answer(sock, 502, "Bad Gateway")
+            self.answer(sock, 502, "Bad Gateway", master)
             return
         key = tuple(upstream.getsockname()[:2])
         with state.lock:
             state.tunnel_peers[key] = self.server.server_address[0]
         try:
-            sock.sendall(b"HTTP/1.1 200 Connection established\r\n\r\n")
+            self.answer(sock, 200, "Connection established", master, final=False)
             if rest:
                 upstream.sendall(rest)
             self.relay(sock, upstream)
@@ -1071,14 +1091,27 @@ class TunnelHandler(socketserver.BaseRequestHandler):
         return head, rest
 
     @staticmethod
-    def answer(sock, status, reason):
+    def master_headers(state, mode):
+        """X-Target-Master lines naming the master this tunnel leads to."""
+        with state.lock:
+            name = state.target_master if mode["master"] is None else mode["master"]
+            uuid = state.target_master_id if mode["masterId"] is None else mode["masterId"]
+        lines = b""
+        if name:
+            lines += b"X-Target-Master: %s\r\n" % name.encode()
+        if uuid:
+            lines += b"X-Target-Master-ID: %s\r\n" % uuid.encode()
+        return lines
+
+    @staticmethod
+    def answer(sock, status, reason, extra=b"", final=True):
+        """The answer to a CONNECT; final ones close the connection."""
+        tail = b"Content-Length: 0\r\nConnection: close\r\n" if final else b""
         try:
-            sock.sendall(
-                b"HTTP/1.1 %d %s\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
-                % (status, reason.encode())
-            )
+            sock.sendall(b"HTTP/1.1 %d %s\r\n%s%s\r\n" % (status, reason.encode(), extra, tail))
         except OSError:
-            pass
+            if not final:
+                raise
 
     @staticmethod
     def relay(a, b):
@@ -1113,8 +1146,9 @@ class Server(socketserver.ThreadingTCPServer):
     block_on_close = False
     request_queue_size = 64
 
-    def __init__(self, address, handler, app):
+    def __init__(self, address, handler, app, tunnel=None):
         self.app = app
+        self.tunnel = tunnel
         super().__init__(address, handler)
 
 
@@ -1187,6 +1221,42 @@ class ControlServer(ThreadingHTTPServer):
         super().__init__(address, ControlHandler)
 
 
+TUNNEL_MODES = ("relay", "refuse", "drop", "down")
+
+
+def parse_tunnel(text):
+    """ADDRESS[,mode=M][,to=HOST:PORT][,status=N][,master=NAME][,master-id=UUID]"""
+    address, *items = text.split(",")
+    if not address:
+        raise ValueError("no address in %r" % text)
+    tunnel = {"address": address, "mode": "relay", "to": None, "status": 502,
+              "master": None, "masterId": None}
+    for item in items:
+        key, eq, value = item.partition("=")
+        if not eq:
+            raise ValueError("%r is not KEY=VALUE" % item)
+        if key == "mode":
+            if value not in TUNNEL_MODES:
+                raise ValueError("mode is one of %s" % ", ".join(TUNNEL_MODES))
+            tunnel["mode"] = value
+        elif key == "to":
+            host, sep, port = value.rpartition(":")
+            if value != "self" and (not sep or not host or not port.isdigit()):
+                raise ValueError("to takes HOST:PORT or self")
+            tunnel["to"] = value
+        elif key == "status":
+            if not value.isdigit() or not 100 <= int(value) <= 599:
+                raise ValueError("status takes an HTTP status")
+            tunnel["status"] = int(value)
+        elif key == "master":
+            tunnel["master"] = value
+        elif key == "master-id":
+            tunnel["masterId"] = value
+        else:
+            raise ValueError("unknown key %r" % key)
+    return tunnel
+
+
 def parse_args(argv):
     p = argparse.ArgumentParser(description="Emulated master server for qxcurl tests.")
     p.add_argument("--pki", required=True, help="directory written by testing/pki/gen_pki.py")
@@ -1198,7 +1268,9 @@ def parse_args(argv):
     p.add_argument("--cache-validity", action="append", default=[], metavar="PATH=VALUE")
     p.add_argument("--users", help='JSON file {"user": "password"}')
     p.add_argument("--apikey", action="append", default=[], help="API key accepted as a token")
-    p.add_argument("--tunnel", action="append", default=[], metavar="ADDRESS")
+    p.add_argument("--tunnel", action="append", default=[], metavar="ADDRESS[,KEY=VALUE...]",
+                   help="CONNECT tunnel on ADDRESS:1556; keys mode (relay, refuse, drop, down), "
+                   "to, status, master, master-id")
     p.add_argument("--tunnel-port", type=int, default=TUNNEL_PORT, help=argparse.SUPPRESS)
     p.add_argument("--server-name", default=DEFAULT_SERVER_NAME, help="sent as X-Target-Master")
     p.add_argument("--host-uuid", help="sent as X-Target-Master-ID (default from certmap.json)")
@@ -1224,6 +1296,10 @@ def parse_args(argv):
             p.error("--users must hold a JSON object")
     else:
         args.users = {"admin": {"password": "secret", "domainType": "unixpwd"}}
+    try:
+        args.tunnel = [parse_tunnel(t) for t in args.tunnel]
+    except ValueError as e:
+        p.error("--tunnel: %s" % e)
     args.target_master = args.server_name
     args.target_master_id = args.host_uuid or read_host_uuid(args.pki, args.server_name)
     return args
@@ -1246,10 +1322,11 @@ def main(argv=None):
         app.tls.get("qxca", state.cert_mode)
         app.tls.get("eca", state.cert_mode)
         servers = [Server((args.host, args.port), TlsHandler, app)]
+        app.tls_address = servers[0].server_address[:2]
         control = ControlServer(("127.0.0.1", 0), app)
         servers.append(control)
-        for address in args.tunnel:
-            servers.append(Server((address, args.tunnel_port), TunnelHandler, app))
+        for tunnel in args.tunnel:
+            servers.append(Server((tunnel["address"], args.tunnel_port), TunnelHandler, app, tunnel))
     except (OSError, ssl.SSLError) as e:
         LOG.error("cannot start: %s", e)
         print("emulator: cannot start: %s" % e, file=sys.stderr)

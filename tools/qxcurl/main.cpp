@@ -31,6 +31,7 @@ const char* const kUsage =
     "                     [--password-file FILE] | [--api-key KEYS]\n"
     "       qxcurl logout --server S [--port N]\n"
     "       qxcurl token  --server S [--port N] [--cert-type N] [--new] [--show] [--clear]\n"
+    "       qxcurl tunnels --server S [--tunnel NAME]... [--reset]\n"
     "  METHOD  GET, POST, PUT, PATCH, DELETE or UPLOAD (multipart POST of --file)\n"
     "  PATH    web-service path, e.g. arvion/ping\n"
     "options of every command:\n"
@@ -64,7 +65,10 @@ const char* const kUsage =
     "  --connect-timeout S      connect time-out, seconds\n"
     "  --retry-window S         connection-retry window, seconds (0: no retries)\n"
     "  --api-version V          send media type version V\n"
-    "  --include                print the response headers before the body\n"
+    "  --include                print the response headers before the body (and the\n"
+    "                           tunnel that carried the request, if one did)\n"
+    "  --tunnel NAME            also try the HTTP tunnel NAME:1556 (repeatable)\n"
+    "  --no-tunnel              never use a tunnel for this request\n"
     "options of login:\n"
     "  --user NAME --domain-type T [--domain-name D (default: the server)]\n"
     "  --password-file FILE     password on its first line (else prompted, or read from\n"
@@ -75,6 +79,10 @@ const char* const kUsage =
     "  --new                    log in again even if the cached token is good\n"
     "  --show                   print the token in full (default: masked)\n"
     "  --clear                  clear the cached token (with --new: then log in)\n"
+    "options of tunnels (lists the tunnels cached for the server, one a line):\n"
+    "  --reset                  forget them instead\n"
+    "  --tunnel NAME            as for requests: lets the cache live in /tmp when the\n"
+    "                           install directory cannot be written\n"
     "exit status: 0 success (HTTP 2xx), 1 HTTP error, 2 usage error, 3 library status\n";
 
 // Options every command takes; the others belong to one command.
@@ -83,6 +91,7 @@ const char* const kCommonOptions[] = {"--server", "--port", "--cert-type", "--ti
 const char* const kLoginOptions[] = {"--user", "--domain-type", "--domain-name", "--password-file",
                                      "--api-key"};
 const char* const kTokenOptions[] = {"--new", "--show", "--clear"};
+const char* const kTunnelsOptions[] = {"--reset", "--tunnel"};
 
 // TEXT, or the contents of FILE for "@FILE".
 std::string valueOrFile(const std::string& arg, const char* option) {
@@ -127,18 +136,22 @@ bool listed(const char* const (&names)[N], const std::string& name) {
 
 // Refuses an option that the chosen command does not take.
 void checkOptionsBelong(const Options& o) {
-  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token"};
+  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token", "tunnels"};
   for (const std::string& name : o.seen) {
     bool ok = listed(kCommonOptions, name);
     switch (o.command) {
       case CMD_REQUEST:
-        ok = ok || !(listed(kLoginOptions, name) || listed(kTokenOptions, name));
+        ok = ok ||
+             !(listed(kLoginOptions, name) || listed(kTokenOptions, name) || name == "--reset");
         break;
       case CMD_LOGIN:
         ok = ok || listed(kLoginOptions, name);
         break;
       case CMD_TOKEN:
         ok = ok || listed(kTokenOptions, name);
+        break;
+      case CMD_TUNNELS:
+        ok = ok || listed(kTunnelsOptions, name);
         break;
       case CMD_LOGOUT:
         break;
@@ -169,6 +182,8 @@ void checkRequest(Options& o, const std::vector<std::string>& positional) {
   }
   if (o.userSession && o.haveToken)
     throw UsageError("--user-session and --token exclude each other");
+  if (o.noTunnel && !o.tunnels.empty())
+    throw UsageError("--tunnel and --no-tunnel exclude each other");
   if (o.userSession && !o.session.empty() && o.session != "token") {
     throw UsageError("--user-session needs --session token");
   }
@@ -186,6 +201,7 @@ Options parseArgs(int argc, char** argv) {
     if (word == "login") o.command = CMD_LOGIN;
     if (word == "logout") o.command = CMD_LOGOUT;
     if (word == "token") o.command = CMD_TOKEN;
+    if (word == "tunnels") o.command = CMD_TUNNELS;
     if (o.command != CMD_REQUEST) first = 2;
   }
   for (int i = first; i < argc; ++i) {
@@ -281,6 +297,12 @@ Options parseArgs(int argc, char** argv) {
       o.showToken = true;
     } else if (a == "--clear") {
       o.clearToken = true;
+    } else if (a == "--tunnel") {
+      o.tunnels.push_back(next());
+    } else if (a == "--no-tunnel") {
+      o.noTunnel = true;
+    } else if (a == "--reset") {
+      o.resetTunnels = true;
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("unknown option " + a);
     } else {
@@ -374,6 +396,7 @@ int runRequest(const Options& o) {
   if (o.connectTimeout >= 0) c.setConnectTimeout(o.connectTimeout);
   if (o.retryWindow >= 0) c.setConnectRetryTimeout(o.retryWindow);
   if (!o.apiVersion.empty()) c.setJsonMediaTypeAPIVersion(o.apiVersion);
+  applyTunnelOptions(o, c);
   for (const std::string& h : o.headers) {
     size_t colon = h.find(':');
     if (colon == std::string::npos) {
@@ -400,6 +423,7 @@ int runRequest(const Options& o) {
     status = c.PostMultipartFile(o.path, o.file, o.remoteName, o.contentType);
   }
 
+  reportTunnel(o, c);
   if (o.include) {
     std::fwrite(c.getResponseHeaders().data(), 1, c.getResponseHeaders().size(), stdout);
   }
@@ -481,6 +505,8 @@ int main(int argc, char** argv) {
         return runLogout(o);
       case CMD_TOKEN:
         return runToken(o);
+      case CMD_TUNNELS:
+        return runTunnels(o);
       case CMD_REQUEST:
         break;
     }

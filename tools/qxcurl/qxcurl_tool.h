@@ -12,7 +12,7 @@ namespace qxtool {
 
 enum ExitCode { EXIT_OK = 0, EXIT_HTTP = 1, EXIT_USAGE = 2, EXIT_STATUS = 3 };
 
-enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN };
+enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN, CMD_TUNNELS };
 
 struct Options {
   Command command = CMD_REQUEST;
@@ -55,6 +55,11 @@ struct Options {
   bool newToken = false;
   bool showToken = false;
   bool clearToken = false;
+
+  // Tunnels: requests and the tunnels command.
+  std::vector<std::string> tunnels;  // --tunnel, in order
+  bool noTunnel = false;
+  bool resetTunnels = false;
 };
 
 class UsageError {
@@ -87,6 +92,13 @@ std::string readPassword(const std::string& file, const std::string& prompt);
 // requests (user name and domain as stored; no password). Without one,
 // reports the status and returns its exit code; 0 when out was set.
 int openUserSession(const Options& o, std::unique_ptr<LoginWithUserTokenManager>& out);
+
+// --tunnel and --no-tunnel on a request's client.
+void applyTunnelOptions(const Options& o, QXClientCURL& client);
+// After a request: the tunnel that carried it, as one line first on stdout
+// with --include (when there was one) and on stderr with --verbose.
+void reportTunnel(const Options& o, const QXClientCURL& client);
+int runTunnels(const Options& o);
 
 int runLogin(const Options& o);
 int runLogout(const Options& o);
