@@ -108,7 +108,10 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
     throw 20;
   }
   m_connectHost = server;
-  m_server_url = "https://" + server + ":" + std::to_string(port) + "/";
+  // An IPv6 literal stands in brackets in a URL.
+  bool v6Literal = server.find(':') != std::string::npos && server.front() != '[';
+  m_server_url = "https://" + (v6Literal ? "[" + server + "]" : server) + ":" +
+                 std::to_string(port) + "/";
   m_tunnelName = server;
 
   initGlobalCurl();
@@ -209,6 +212,8 @@ QXClientCURL::~QXClientCURL() {
   m_tokenManager = nullptr;
   delete m_tunnelRouter;
   m_tunnelRouter = nullptr;
+  // A socket the exchange connected and libcurl never took is still ours.
+  if (m_connector != nullptr && m_pbxSocket >= 0) m_connector->reset(true);
   delete m_connector;
   m_connector = nullptr;
 }
@@ -359,6 +364,8 @@ int QXClientCURL::setupURL(const std::string& url) {
 }
 
 int QXClientCURL::setConnectTimeout(long seconds) {
+  // The preferred-network connector dials for libcurl: it keeps the same bound.
+  if (seconds > 0) m_connectorTimeout = seconds;
   return setCurlOptionLogged(CURLOPT_CONNECTTIMEOUT, seconds, "CURLOPT_CONNECTTIMEOUT");
 }
 

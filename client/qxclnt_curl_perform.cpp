@@ -713,12 +713,3 @@ bool QXClientCURL::isTunnelAlreadyTried(std::string tunnel) {
 
 // The answering master is not checked yet: every tunnel counts as reaching it.
 bool QXClientCURL::isTunnelConnectedToRightMaster() { return true; }
-
-// ---- preferred-network connection ----
-
-// libcurl resolves and connects by itself until the connector is in place;
-// only the previous attempt's socket is forgotten.
-int QXClientCURL::connectToPBXExchange() {
-  if (m_connector != nullptr) m_connector->reset();
-  return 0;
-}
