@@ -31,6 +31,7 @@ const char* const kUsage =
     "                     [--password-file FILE] | [--api-key KEYS]\n"
     "       qxcurl logout --server S [--port N]\n"
     "       qxcurl token  --server S [--port N] [--cert-type N] [--new] [--show] [--clear]\n"
+    "       qxcurl route  --server S [--port N] [--timeout S]   (how PREFERRED_NETWORK routes)\n"
     "  METHOD  GET, POST, PUT, PATCH, DELETE or UPLOAD (multipart POST of --file)\n"
     "  PATH    web-service path, e.g. arvion/ping\n"
     "options of every command:\n"
@@ -127,7 +128,7 @@ bool listed(const char* const (&names)[N], const std::string& name) {
 
 // Refuses an option that the chosen command does not take.
 void checkOptionsBelong(const Options& o) {
-  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token"};
+  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token", "route"};
   for (const std::string& name : o.seen) {
     bool ok = listed(kCommonOptions, name);
     switch (o.command) {
@@ -141,6 +142,7 @@ void checkOptionsBelong(const Options& o) {
         ok = ok || listed(kTokenOptions, name);
         break;
       case CMD_LOGOUT:
+      case CMD_ROUTE:
         break;
     }
     if (!ok) throw UsageError(name + " does not apply to " + kCommandNames[o.command]);
@@ -186,6 +188,7 @@ Options parseArgs(int argc, char** argv) {
     if (word == "login") o.command = CMD_LOGIN;
     if (word == "logout") o.command = CMD_LOGOUT;
     if (word == "token") o.command = CMD_TOKEN;
+    if (word == "route") o.command = CMD_ROUTE;
     if (o.command != CMD_REQUEST) first = 2;
   }
   for (int i = first; i < argc; ++i) {
@@ -481,6 +484,8 @@ int main(int argc, char** argv) {
         return runLogout(o);
       case CMD_TOKEN:
         return runToken(o);
+      case CMD_ROUTE:
+        return runRoute(o);
       case CMD_REQUEST:
         break;
     }
