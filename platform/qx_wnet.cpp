@@ -302,11 +302,23 @@ const char* parseRule(const std::string& text, WnetRule& r) {
 std::mutex g_rulesMutex;
 std::shared_ptr<const QXMasterConfig> g_rulesConfig;
 std::shared_ptr<const WnetRuleSet> g_rules;
+unsigned long g_rulesGeneration = 0;
+
+bool sameRules(const WnetRuleSet& a, const WnetRuleSet& b) {
+  if (a.rules.size() != b.rules.size()) return false;
+  for (size_t i = 0; i < a.rules.size(); ++i) {
+    if (a.rules[i].text != b.rules[i].text || a.rules[i].position != b.rules[i].position)
+      return false;
+  }
+  return true;
+}
 
 std::mutex g_ifaceMutex;
 std::shared_ptr<const std::vector<WnetIface>> g_ifaces;
 Clock::time_point g_ifacesExpire;
 constexpr auto kIfaceLifetime = std::chrono::seconds(5);
+
+std::shared_ptr<WnetRuleSet> parseRules(const std::vector<std::string>& values);
 
 int prefixOfMask(const struct sockaddr* mask) {
   if (mask == nullptr) return -1;
@@ -575,6 +587,11 @@ std::string wnet_addr_text(const WnetAddr& a) {
 }
 
 std::shared_ptr<const WnetRuleSet> wnet_parse_pref_rules(const std::vector<std::string>& values) {
+  return parseRules(values);
+}
+
+namespace {
+std::shared_ptr<WnetRuleSet> parseRules(const std::vector<std::string>& values) {
   auto set = std::make_shared<WnetRuleSet>();
   int position = 0;
   for (const std::string& value : values) {
@@ -594,6 +611,7 @@ std::shared_ptr<const WnetRuleSet> wnet_parse_pref_rules(const std::vector<std::
   }
   return set;
 }
+}  // namespace
 
 std::shared_ptr<const WnetRuleSet> wnet_current_pref_rules() {
   std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
@@ -602,12 +620,15 @@ std::shared_ptr<const WnetRuleSet> wnet_current_pref_rules() {
     if (g_rules && cfg == g_rulesConfig) return g_rules;
   }
   // Parsing logs, and logging may read the configuration: no lock held here.
-  std::shared_ptr<const WnetRuleSet> parsed =
-      wnet_parse_pref_rules(bpconfGetKeyValues(cfg.get(), "PREFERRED_NETWORK"));
+  std::shared_ptr<WnetRuleSet> parsed =
+      parseRules(bpconfGetKeyValues(cfg.get(), "PREFERRED_NETWORK"));
   std::lock_guard<std::mutex> guard(g_rulesMutex);
   g_rulesConfig = cfg;
-  g_rules = parsed;
-  return parsed;
+  if (!g_rules || !sameRules(*g_rules, *parsed)) {
+    parsed->generation = ++g_rulesGeneration;
+    g_rules = parsed;
+  }
+  return g_rules;
 }
 
 std::shared_ptr<const std::vector<WnetIface>> wnet_interfaces() {

@@ -101,12 +101,14 @@ struct WnetRule {
 struct WnetRuleSet {
   std::vector<WnetRule> rules;
   bool needsInterfaces = false;  // some rule is MATCH
+  unsigned long generation = 0;  // changes only when the rules change
 };
 // Parses PREFERRED_NETWORK values in order. A malformed one is logged with
 // its position and text and left out.
 std::shared_ptr<const WnetRuleSet> wnet_parse_pref_rules(const std::vector<std::string>& values);
 // The rules of the current configuration, parsed once per configuration
-// change.
+// change. A change elsewhere in the file keeps the same rule set (and
+// generation).
 std::shared_ptr<const WnetRuleSet> wnet_current_pref_rules();
 
 struct WnetIface {

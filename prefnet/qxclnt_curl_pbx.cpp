@@ -12,6 +12,7 @@
 // the client.
 #include <poll.h>
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <cstring>
 #include <string_view>
@@ -50,23 +51,46 @@ std::string_view exchangeTarget(const QXClientCURL& c, int& port) {
   return bare(c.m_connectHost);
 }
 
-// True when libcurl's last connection goes where this exchange would dial and
+// libcurl's last connection when it goes where this exchange would dial and
 // is idle and open: libcurl will reuse it and ask for no socket. Pending input
 // or a hang-up makes libcurl drop it, and so it does here.
-bool connectionKept(const QXClientCURL& c, std::string_view host, int port) {
-  if (port != c.m_pbxPort || host != c.m_pbxHost) return false;
+curl_socket_t keptConnection(const QXClientCURL& c, std::string_view host, int port) {
+  if (port != c.m_pbxPort || host != c.m_pbxHost) return CURL_SOCKET_BAD;
   curl_socket_t s = CURL_SOCKET_BAD;
   if (curl_easy_getinfo(c.m_curlHandle, CURLINFO_ACTIVESOCKET, &s) != CURLE_OK ||
       s == CURL_SOCKET_BAD)
-    return false;
+    return CURL_SOCKET_BAD;
   struct pollfd p = {s, POLLIN | POLLPRI, 0};
-  return ::poll(&p, 1, 0) == 0;
+  return ::poll(&p, 1, 0) == 0 ? s : CURL_SOCKET_BAD;
+}
+
+// Whether the current rules would have dialled connection s as it is: its peer
+// permitted and, when a rule names a source, bound to it.
+bool stillPermitted(curl_socket_t s) {
+  struct sockaddr_storage peer, local;
+  socklen_t plen = sizeof peer, llen = sizeof local;
+  if (getpeername(s, reinterpret_cast<struct sockaddr*>(&peer), &plen) != 0) return false;
+  wnet_pref_netconnection answer;
+  if (wnet_get_pref_netconnection(reinterpret_cast<struct sockaddr*>(&peer), plen, &answer) !=
+      WN_STATUS_SUCCESS)
+    return false;
+  bool ok = !answer.prohibited;
+  if (ok && answer.local != nullptr) {
+    WnetAddr want, have;
+    ok = getsockname(s, reinterpret_cast<struct sockaddr*>(&local), &llen) == 0 &&
+         wnet_addr_of(answer.local->ai_addr, answer.local->ai_addrlen, want) &&
+         wnet_addr_of(reinterpret_cast<struct sockaddr*>(&local), llen, have) &&
+         want.family == have.family && std::memcmp(want.bytes, have.bytes, 16) == 0;
+  }
+  wnet_freeaddrinfo(answer.local);
+  return ok;
 }
 
 // The connector dials host:port; its socket waits for libcurl in m_pbxSocket.
 int dial(QXClientCURL& c, const std::string& host, int port) {
   qxclnt_curl_prefnet& conn = *c.m_connector;
   conn.reset();
+  c.m_pbxRules = wnet_current_pref_rules()->generation;
   conn.update_connect_param(host);
   conn.update_connect_port(static_cast<unsigned int>(port));
   conn.update_connect_param(c.m_connectorTimeout);
@@ -172,9 +196,20 @@ int QXClientCURL::connectToPBXExchange() {
   }
   int port = 0;
   std::string_view host = exchangeTarget(*this, port);
-  if (connectionKept(*this, host, port)) {
-    QXLOG(QXLOG_PROGRESS, tag) << "Reusing the kept-alive connection to [" << host << "].";
-    return 0;
+  curl_socket_t kept = keptConnection(*this, host, port);
+  if (kept != CURL_SOCKET_BAD) {
+    // Changed rules take effect on the next request, kept connection or not.
+    unsigned long rules = wnet_current_pref_rules()->generation;
+    if (rules == m_pbxRules || stillPermitted(kept)) {
+      m_pbxRules = rules;
+      QXLOG(QXLOG_PROGRESS, tag) << "Reusing the kept-alive connection to [" << host << "].";
+      return 0;
+    }
+    // libcurl finds it hung up, closes it and asks for the socket dialled below.
+    QXLOG(QXLOG_PROGRESS, tag)
+        << "Preferred network settings changed; dropping the kept-alive connection to [" << host
+        << "].";
+    ::shutdown(kept, SHUT_RDWR);
   }
   m_pbxHost.assign(host.data(), host.size());
   m_pbxPort = port;

@@ -23,6 +23,7 @@ namespace {
 const char kServerAddress[] = "127.0.1.64";
 const char kProhibitedAddress[] = "127.0.1.63";
 const char kSource[] = "127.0.1.62";
+const char kOtherSource[] = "127.0.1.65";
 
 int fdCount() {
   int n = 0;
@@ -85,6 +86,21 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   EXPECT_NE(seen.front().connection, seen.back().connection);
   EXPECT_EQ(kSource, seen.back().peer);
   EXPECT_EQ(2u, log.count(dialled));
+
+  // Another key changes: the connection stays. The rules change: the next
+  // request already follows them, on a new connection.
+  config("PREFERRED_NETWORK = " + std::string(kServerAddress) + " ONLY " + kSource +
+         "\nCRL_CHECK_LEVEL = 1\n");
+  ASSERT_EQ(0, c->Get("arvion/ping"));
+  config("PREFERRED_NETWORK = " + std::string(kServerAddress) + " ONLY " + kOtherSource + "\n");
+  ASSERT_EQ(0, c->Get("arvion/ping"));
+  seen = emulator().requests();
+  const QXRecordedRequest& kept = seen[seen.size() - 2];
+  EXPECT_EQ(seen[seen.size() - 3].connection, kept.connection);
+  EXPECT_EQ(kSource, kept.peer);
+  EXPECT_NE(kept.connection, seen.back().connection);
+  EXPECT_EQ(kOtherSource, seen.back().peer);
+  EXPECT_EQ(baseline, fdCount());
   c.reset();
   EXPECT_GT(baseline, fdCount());  // the client's connection is closed with it
 }

@@ -317,10 +317,11 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   long m_connectorTimeout = 300;
   bool m_socketCallbacksInstalled = false;
   struct curl_slist* m_resolveList = nullptr;
-  int m_pbxSocket = -1;     // connected by the exchange, not yet taken by libcurl
-  bool m_pbxFailed = false; // the last exchange found no permitted way to connect
-  std::string m_pbxHost;    // where the exchange dials: the server, or the tunnel
+  int m_pbxSocket = -1;      // connected by the exchange, not yet taken by libcurl
+  bool m_pbxFailed = false;  // the last exchange found no permitted way to connect
+  std::string m_pbxHost;     // where the exchange dials: the server, or the tunnel
   int m_pbxPort = 0;
+  unsigned long m_pbxRules = 0;  // generation of the rules the last dial followed
   bool m_routeOnServer = false;
   bool m_retrying = false;
   int m_retryCount = 0;
