@@ -4,7 +4,6 @@ import os
 import re
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
@@ -17,50 +16,34 @@ TOOL = os.path.join(BINARY_DIR, "qxcurl")
 SERVER, SOURCE = "127.0.1.80", "127.0.1.81"
 
 
-def have_ipv6():
-    try:
-        with socket.socket(socket.AF_INET6) as s:
-            s.bind(("::1", 0))
-        return True
-    except OSError:
-        return False
-
-
-class Emulator:
-    def __init__(self, pki, host, root):
-        self.proc = subprocess.Popen(
-            [sys.executable, os.path.join(SOURCE_DIR, "testing/emulator/emulator.py"),
-             "--pki", pki, "--host", host, "--log", os.path.join(root, "emulator-%s.log" % host)],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-        m = re.match(r"READY port=(\d+)", self.proc.stdout.readline())
-        if not m:
-            self.stop()
-            raise RuntimeError("emulator on %s did not start" % host)
-        self.port = int(m.group(1))
-
-    def stop(self):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-            self.proc.wait(5)
-        self.proc.stdout.close()
+def emulator(pki, host, log):
+    proc = subprocess.Popen(
+        [sys.executable, os.path.join(SOURCE_DIR, "testing/emulator/emulator.py"),
+         "--pki", pki, "--host", host, "--log", log],
+        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    m = re.match(r"READY port=(\d+)", proc.stdout.readline())
+    return proc, int(m.group(1)) if m else 0
 
 
 class RouteTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.pki = os.path.join(BINARY_DIR, "testpki")
-        subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "testing/pki/gen_pki.py"),
-                        cls.pki], check=True, stdout=subprocess.DEVNULL)
+        pki = os.path.join(BINARY_DIR, "testpki")
+        subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "testing/pki/gen_pki.py"), pki],
+                       check=True, stdout=subprocess.DEVNULL)
         cls.root = tempfile.mkdtemp(prefix="qxroute-")
         os.makedirs(os.path.join(cls.root, "arvion"))
-        cls.emulators = [Emulator(cls.pki, SERVER, cls.root)]
-        if have_ipv6():
-            cls.emulators.append(Emulator(cls.pki, "::1", cls.root))
+        # The IPv6 one stays at port 0 on a host without IPv6.
+        cls.emulators = [emulator(pki, host, os.path.join(cls.root, "emulator%d.log" % i))
+                         for i, host in enumerate((SERVER, "::1"))]
+        assert cls.emulators[0][1], "emulator on %s did not start" % SERVER
 
     @classmethod
     def tearDownClass(cls):
-        for e in cls.emulators:
-            e.stop()
+        for proc, _ in cls.emulators:
+            proc.send_signal(signal.SIGTERM)
+            proc.wait(5)
+            proc.stdout.close()
         shutil.rmtree(cls.root, ignore_errors=True)
 
     def run_tool(self, config, *args):
@@ -72,7 +55,7 @@ class RouteTest(unittest.TestCase):
                               timeout=60)
 
     def test_route_shows_rule_source_and_outcome(self):
-        port = str(self.emulators[0].port)
+        port = str(self.emulators[0][1])
         cases = [
             ("PREFERRED_NETWORK = 127.0.1.0/24 ONLY %s\n" % SOURCE, 0,
              ["[1] 127.0.1.0/24 ONLY " + SOURCE, "source:  " + SOURCE,
@@ -91,9 +74,9 @@ class RouteTest(unittest.TestCase):
         self.assertEqual(2, r.returncode)
 
     def test_ipv6_literal_server(self):
-        if len(self.emulators) < 2:
+        if not self.emulators[1][1]:
             self.skipTest("no IPv6 loopback on this host")
-        port = str(self.emulators[1].port)
+        port = str(self.emulators[1][1])
         for server in ("::1", "[::1]"):
             r = self.run_tool("", "--server", server, "--port", port, "--insecure",
                               "GET", "arvion/ping")
