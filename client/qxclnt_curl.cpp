@@ -109,7 +109,10 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
     throw QX_ERR_BAD_ARGUMENT;
   }
   m_connectHost = server;
-  m_server_url = "https://" + server + ":" + std::to_string(port) + "/";
+  // An IPv6 literal stands in brackets in a URL.
+  bool v6Literal = server.find(':') != std::string::npos && server.front() != '[';
+  m_server_url =
+      "https://" + (v6Literal ? "[" + server + "]" : server) + ":" + std::to_string(port) + "/";
   m_tunnelName = server;
 
   initGlobalCurl();
@@ -200,6 +203,8 @@ QXClientCURL::Releaser::~Releaser() {
   c.m_tokenManager = nullptr;
   delete c.m_tunnelRouter;
   c.m_tunnelRouter = nullptr;
+  // A socket the exchange connected and libcurl never took is still ours.
+  if (c.m_connector != nullptr && c.m_pbxSocket >= 0) c.m_connector->reset(true);
   delete c.m_connector;
   c.m_connector = nullptr;
 }
@@ -350,6 +355,8 @@ int QXClientCURL::setupURL(const std::string& url) {
 }
 
 int QXClientCURL::setConnectTimeout(long seconds) {
+  // The preferred-network connector dials for libcurl: it keeps the same bound.
+  if (seconds > 0) m_connectorTimeout = seconds;
   return setCurlOptionLogged(CURLOPT_CONNECTTIMEOUT, seconds, "CURLOPT_CONNECTTIMEOUT");
 }
 

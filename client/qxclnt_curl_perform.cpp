@@ -494,12 +494,3 @@ int QXClientCURL::performCurlOperation() {
     QXLOG(QXLOG_PROGRESS, tag) << "Fetched httpcode = " << code;
   }
 }
-
-// ---- preferred-network connection ----
-
-// libcurl resolves and connects by itself until the connector is in place;
-// only the previous attempt's socket is forgotten.
-int QXClientCURL::connectToPBXExchange() {
-  if (m_connector != nullptr) m_connector->reset();
-  return 0;
-}

@@ -168,8 +168,15 @@ TEST_F(ClientWireTest, TransportFailuresMapToStatuses) {
     ASSERT_TRUE(root().writeConfig(""));
   }
   {
+    // The connector cannot resolve the name, so libcurl is pinned to an
+    // unreachable address: a connect failure, which lets a tunnel be tried.
+    // Resolving by itself, libcurl reports the name.
     auto c = client(QXCURL_INSECURE, nullptr, "", 0, "nohost.invalid");
-    EXPECT_EQ(47, c->Get("arvion/ping"));
+    EXPECT_EQ(QX_ERR_CONNECT, c->Get("arvion/ping"));
+    ASSERT_TRUE(root().writeConfig("DISABLE_QXCURL_PREFERRED_NETWORKS = YES\n"));
+    auto d = client(QXCURL_INSECURE, nullptr, "", 0, "nohost.invalid");
+    EXPECT_EQ(QX_ERR_RESOLVE, d->Get("arvion/ping"));
+    ASSERT_TRUE(root().writeConfig(""));
   }
   {
     auto c = client();

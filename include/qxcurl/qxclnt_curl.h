@@ -208,6 +208,17 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   const std::string& getTunnelUsed() const { return m_tunnelUsed; }
 
   // ---- preferred-network connection ----
+  // libcurl's open-socket and socket-option callbacks: libcurl gets the
+  // connector's socket, already connected, and never dials by itself.
+  static curl_socket_t qxcurl_opensocket_cb(void* client, curlsocktype purpose,
+                                            struct curl_sockaddr* address);
+  static int qxcurl_sockoptfunc_cb(void* client, curl_socket_t socket, curlsocktype purpose);
+  int setCurlSocketCb();
+  // Pins libcurl's resolution of the server to entry; an empty entry pins it
+  // to an address nothing answers on.
+  int resetCurlResolver(const std::string& entry);
+  // Connects the next transfer's socket under the preferred-network rules,
+  // unless libcurl will reuse its live connection. Always 0.
   int connectToPBXExchange();
 
   // ---- results ----
@@ -315,6 +326,11 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   long m_connectorTimeout = 300;
   bool m_socketCallbacksInstalled = false;
   struct curl_slist* m_resolveList = nullptr;
+  int m_pbxSocket = -1;      // connected by the exchange, not yet taken by libcurl
+  bool m_pbxFailed = false;  // the last exchange found no permitted way to connect
+  std::string m_pbxHost;     // where the exchange dials: the server, or the tunnel
+  int m_pbxPort = 0;
+  unsigned long m_pbxRules = 0;  // generation of the rules the last dial followed
   bool m_routeOnServer = false;
   bool m_retrying = false;
   int m_retryCount = 0;

@@ -720,6 +720,7 @@ class Connection:
                 "tunnelAddress": self.tunnel_address,
                 "connection": self.id,
                 "tlsVersion": self.tls_version,
+                "peer": self.peer[0],
             }
         )
         fault = self.state.take_fault(req.path)
@@ -1149,6 +1150,8 @@ class Server(socketserver.ThreadingTCPServer):
     def __init__(self, address, handler, app, tunnel=None):
         self.app = app
         self.tunnel = tunnel
+        if ":" in address[0]:
+            self.address_family = socket.AF_INET6
         super().__init__(address, handler)
 
 

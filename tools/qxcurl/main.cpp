@@ -32,6 +32,7 @@ const char* const kUsage =
     "       qxcurl logout --server S [--port N]\n"
     "       qxcurl token  --server S [--port N] [--cert-type N] [--new] [--show] [--clear]\n"
     "       qxcurl tunnels --server S [--tunnel NAME]... [--reset]\n"
+    "       qxcurl route  --server S [--port N] [--timeout S]   (how PREFERRED_NETWORK routes)\n"
     "  METHOD  GET, POST, PUT, PATCH, DELETE or UPLOAD (multipart POST of --file)\n"
     "  PATH    web-service path, e.g. arvion/ping\n"
     "options of every command:\n"
@@ -136,7 +137,8 @@ bool listed(const char* const (&names)[N], const std::string& name) {
 
 // Refuses an option that the chosen command does not take.
 void checkOptionsBelong(const Options& o) {
-  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token", "tunnels"};
+  static const char* const kCommandNames[] = {"METHOD PATH", "login",   "logout",
+                                              "token",       "tunnels", "route"};
   for (const std::string& name : o.seen) {
     bool ok = listed(kCommonOptions, name);
     switch (o.command) {
@@ -154,6 +156,7 @@ void checkOptionsBelong(const Options& o) {
         ok = ok || listed(kTunnelsOptions, name);
         break;
       case CMD_LOGOUT:
+      case CMD_ROUTE:
         break;
     }
     if (!ok) throw UsageError(name + " does not apply to " + kCommandNames[o.command]);
@@ -202,6 +205,7 @@ Options parseArgs(int argc, char** argv) {
     if (word == "logout") o.command = CMD_LOGOUT;
     if (word == "token") o.command = CMD_TOKEN;
     if (word == "tunnels") o.command = CMD_TUNNELS;
+    if (word == "route") o.command = CMD_ROUTE;
     if (o.command != CMD_REQUEST) first = 2;
   }
   for (int i = first; i < argc; ++i) {
@@ -507,6 +511,8 @@ int main(int argc, char** argv) {
         return runToken(o);
       case CMD_TUNNELS:
         return runTunnels(o);
+      case CMD_ROUTE:
+        return runRoute(o);
       case CMD_REQUEST:
         break;
     }

@@ -12,7 +12,7 @@ namespace qxtool {
 
 enum ExitCode { EXIT_OK = 0, EXIT_HTTP = 1, EXIT_USAGE = 2, EXIT_STATUS = 3 };
 
-enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN, CMD_TUNNELS };
+enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN, CMD_TUNNELS, CMD_ROUTE };
 
 struct Options {
   Command command = CMD_REQUEST;
@@ -103,6 +103,7 @@ int runTunnels(const Options& o);
 int runLogin(const Options& o);
 int runLogout(const Options& o);
 int runToken(const Options& o);
+int runRoute(const Options& o);
 
 }  // namespace qxtool
 #endif

@@ -1,0 +1,224 @@
+// The client's side of the preferred-network connection: before a transfer
+// the connector dials under the administrator's rules, and libcurl's socket
+// callbacks make libcurl use that socket instead of dialling by itself.
+//
+// Keep-alive: libcurl reuses a live connection without asking for a socket,
+// so the exchange does not dial when libcurl will reuse one (it asks libcurl
+// for its last connection and checks that it is idle and open, as libcurl's
+// own reuse test does). If libcurl opens a connection all the same (the
+// server closed it in between, a redirect), the open-socket callback dials
+// the address libcurl proposes, under the same rules. A socket the exchange
+// connected that libcurl did not take is closed at the next exchange or with
+// the client.
+#include <poll.h>
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <cstring>
+#include <string_view>
+
+#include "client/qxclnt_curl_option.h"
+#include "prefnet/qxclnt_prefnet.h"
+#include "qx_log.h"
+#include "qx_wnet.h"
+#include "qxclnt_curl.h"
+
+namespace {
+
+const char kUnreachable[] = "BAD:ADD::125";
+const int kTunnelPort = 1556;
+
+std::string_view bare(std::string_view host) {
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']')
+    return host.substr(1, host.size() - 2);
+  return host;
+}
+
+// libcurl reads an IPv6 literal host only in brackets.
+std::string resolveHost(std::string_view host) {
+  std::string h(host);
+  return h.find(':') != std::string::npos ? "[" + h + "]" : h;
+}
+
+// Where the exchange dials. Through a tunnel libcurl asks for a socket to the
+// proxy, not to the server. A view: nothing is copied per request.
+std::string_view exchangeTarget(const QXClientCURL& c, int& port) {
+  if (!c.m_tunnelName.empty() && strcasecmp(c.m_tunnelName.c_str(), c.m_server.c_str()) != 0) {
+    port = kTunnelPort;
+    return bare(c.m_tunnelName);
+  }
+  port = c.m_port;
+  return bare(c.m_connectHost);
+}
+
+// libcurl's last connection when it goes where this exchange would dial and
+// is idle and open: libcurl will reuse it and ask for no socket. Pending input
+// or a hang-up makes libcurl drop it, and so it does here.
+curl_socket_t keptConnection(const QXClientCURL& c, std::string_view host, int port) {
+  if (port != c.m_pbxPort || host != c.m_pbxHost) return CURL_SOCKET_BAD;
+  curl_socket_t s = CURL_SOCKET_BAD;
+  if (curl_easy_getinfo(c.m_curlHandle, CURLINFO_ACTIVESOCKET, &s) != CURLE_OK ||
+      s == CURL_SOCKET_BAD)
+    return CURL_SOCKET_BAD;
+  struct pollfd p = {s, POLLIN | POLLPRI, 0};
+  return ::poll(&p, 1, 0) == 0 ? s : CURL_SOCKET_BAD;
+}
+
+// Whether the current rules would have dialled connection s as it is: its peer
+// permitted and, when a rule names a source, bound to it.
+bool stillPermitted(curl_socket_t s) {
+  struct sockaddr_storage peer, local;
+  socklen_t plen = sizeof peer, llen = sizeof local;
+  if (getpeername(s, reinterpret_cast<struct sockaddr*>(&peer), &plen) != 0) return false;
+  wnet_pref_netconnection answer;
+  if (wnet_get_pref_netconnection(reinterpret_cast<struct sockaddr*>(&peer), plen, &answer) !=
+      WN_STATUS_SUCCESS)
+    return false;
+  bool ok = !answer.prohibited;
+  if (ok && answer.local != nullptr) {
+    WnetAddr want, have;
+    ok = getsockname(s, reinterpret_cast<struct sockaddr*>(&local), &llen) == 0 &&
+         wnet_addr_of(answer.local->ai_addr, answer.local->ai_addrlen, want) &&
+         wnet_addr_of(reinterpret_cast<struct sockaddr*>(&local), llen, have) &&
+         want.family == have.family && std::memcmp(want.bytes, have.bytes, 16) == 0;
+  }
+  wnet_freeaddrinfo(answer.local);
+  return ok;
+}
+
+// The connector dials host:port; its socket waits for libcurl in m_pbxSocket.
+int dial(QXClientCURL& c, const std::string& host, int port) {
+  qxclnt_curl_prefnet& conn = *c.m_connector;
+  conn.reset();
+  c.m_pbxRules = wnet_current_pref_rules()->generation;
+  conn.update_connect_param(host);
+  conn.update_connect_port(static_cast<unsigned int>(port));
+  conn.update_connect_param(c.m_connectorTimeout);
+  int rc =
+      conn.connect(QXCLNT_CMODE_BLOCKING, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+  c.m_pbxFailed = rc != WN_STATUS_SUCCESS;
+  c.m_pbxSocket = rc == WN_STATUS_SUCCESS ? static_cast<int>(conn) : -1;
+  return rc;
+}
+
+}  // namespace
+
+curl_socket_t QXClientCURL::qxcurl_opensocket_cb(void* client, curlsocktype purpose,
+                                                 struct curl_sockaddr* address) {
+  const char* tag = "QXClientCURL::qxcurl_opensocket_cb";
+  if (client == nullptr) {
+    QXLOG(QXLOG_OPTION, tag) << "Base context to CuRL callback is NULL.";
+    return CURL_SOCKET_BAD;
+  }
+  QXClientCURL& c = *static_cast<QXClientCURL*>(client);
+  if (purpose != CURLSOCKTYPE_IPCXN || c.m_connector == nullptr) {
+    QXLOG(QXLOG_OPTION, tag) << "Unknown/Unhandled purpose.";
+    return CURL_SOCKET_BAD;
+  }
+  if (c.m_pbxSocket >= 0) {
+    c.m_pbxSocket = -1;  // libcurl's now: it closes it
+    return static_cast<int>(*c.m_connector);
+  }
+  // The exchange found no permitted way: libcurl proposes the unreachable
+  // address and must fail.
+  if (c.m_pbxFailed || address == nullptr) return CURL_SOCKET_BAD;
+
+  // A connection the exchange did not foresee: dial the address libcurl
+  // resolved, under the same rules.
+  WnetAddr a;
+  if (!wnet_addr_of(&address->addr, address->addrlen, a)) return CURL_SOCKET_BAD;
+  WnetAddr unreachable;
+  wnet_parse_addr(kUnreachable, unreachable);
+  if (std::memcmp(a.bytes, unreachable.bytes, sizeof a.bytes) == 0) return CURL_SOCKET_BAD;
+  int port = 0;
+  if (address->addr.sa_family == AF_INET)
+    port = ntohs(reinterpret_cast<const struct sockaddr_in*>(&address->addr)->sin_port);
+  else
+    port = ntohs(reinterpret_cast<const struct sockaddr_in6*>(&address->addr)->sin6_port);
+  std::string host = wnet_addr_text(a);
+  QXLOG(QXLOG_PROGRESS, tag) << "libcurl opens a new connection; connecting to [" << host << "]:["
+                             << port << "].";
+  int rc = dial(c, host, port);
+  if (rc != WN_STATUS_SUCCESS) {
+    QXLOG(QXLOG_OPTION, tag) << "Failed to connect to [" << host << "]. WNET erro = " << rc << ".";
+    return CURL_SOCKET_BAD;
+  }
+  c.m_pbxSocket = -1;
+  return static_cast<int>(*c.m_connector);
+}
+
+int QXClientCURL::qxcurl_sockoptfunc_cb(void* client, curl_socket_t /*socket*/,
+                                        curlsocktype purpose) {
+  if (client == nullptr) return CURL_SOCKOPT_ERROR;
+  QXClientCURL& c = *static_cast<QXClientCURL*>(client);
+  if (c.m_connector == nullptr || purpose != CURLSOCKTYPE_IPCXN) return CURL_SOCKOPT_ERROR;
+  return static_cast<int>(*c.m_connector) != -1 ? CURL_SOCKOPT_ALREADY_CONNECTED
+                                                : CURL_SOCKOPT_ERROR;
+}
+
+int QXClientCURL::setCurlSocketCb() {
+  setCurlOptionLogged(CURLOPT_OPENSOCKETFUNCTION, reinterpret_cast<void*>(&qxcurl_opensocket_cb),
+                      "CURLOPT_OPENSOCKETFUNCTION");
+  setCurlOptionLogged(CURLOPT_OPENSOCKETDATA, static_cast<void*>(this), "CURLOPT_OPENSOCKETDATA");
+  setCurlOptionLogged(CURLOPT_SOCKOPTFUNCTION, reinterpret_cast<void*>(&qxcurl_sockoptfunc_cb),
+                      "CURLOPT_SOCKOPTFUNCTION");
+  return setCurlOptionLogged(CURLOPT_SOCKOPTDATA, static_cast<void*>(this), "CURLOPT_SOCKOPTDATA");
+}
+
+int QXClientCURL::resetCurlResolver(const std::string& entry) {
+  const char* tag = "QXClientCURL::resetCurlResolver";
+  std::string line = entry;
+  if (line.empty()) {
+    std::string_view host = m_pbxHost.empty() ? bare(m_connectHost) : m_pbxHost;
+    int port = m_pbxHost.empty() ? m_port : m_pbxPort;
+    line = resolveHost(host) + ":" + std::to_string(port) + ":" + kUnreachable;
+    QXLOG(QXLOG_PROGRESS, tag) << "We are not connected, hence setting resolve to [" << kUnreachable
+                               << "].";
+  }
+  curl_slist_free_all(m_resolveList);
+  m_resolveList = curl_slist_append(nullptr, line.c_str());
+  int rc =
+      setCurlOptionLogged(CURLOPT_RESOLVE, static_cast<void*>(m_resolveList), "CURLOPT_RESOLVE");
+  if (rc == 0) QXLOG(QXLOG_PROGRESS, tag) << "Hostname resolution set to [" << line << "].";
+  return rc;
+}
+
+int QXClientCURL::connectToPBXExchange() {
+  const char* tag = "QXClientCURL::connectToPBXExchange";
+  if (m_connector == nullptr) return 0;
+  // The previous socket is libcurl's once taken; one it never took is ours.
+  m_connector->reset(m_pbxSocket >= 0);
+  m_pbxSocket = -1;
+  m_pbxFailed = false;
+  if (!m_socketCallbacksInstalled) {
+    setCurlSocketCb();
+    m_socketCallbacksInstalled = true;
+  }
+  int port = 0;
+  std::string_view host = exchangeTarget(*this, port);
+  curl_socket_t kept = keptConnection(*this, host, port);
+  if (kept != CURL_SOCKET_BAD) {
+    // Changed rules take effect on the next request, kept connection or not.
+    unsigned long rules = wnet_current_pref_rules()->generation;
+    if (rules == m_pbxRules || stillPermitted(kept)) {
+      m_pbxRules = rules;
+      QXLOG(QXLOG_PROGRESS, tag) << "Reusing the kept-alive connection to [" << host << "].";
+      return 0;
+    }
+    // libcurl finds it hung up, closes it and asks for the socket dialled below.
+    QXLOG(QXLOG_PROGRESS, tag)
+        << "Preferred network settings changed; dropping the kept-alive connection to [" << host
+        << "].";
+    ::shutdown(kept, SHUT_RDWR);
+  }
+  m_pbxHost.assign(host.data(), host.size());
+  m_pbxPort = port;
+  QXLOG(QXLOG_PROGRESS, tag) << "Connecting to [" << m_connectHost << "].";
+  int rc = dial(*this, m_pbxHost, port);
+  if (rc != WN_STATUS_SUCCESS) {
+    QXLOG(QXLOG_OPTION, tag) << "Failed to connect to [" << m_connectHost << "]. WNET erro = " << rc
+                             << ".";
+  }
+  resetCurlResolver(static_cast<std::string>(*m_connector));
+  return 0;
+}

@@ -1,0 +1,357 @@
+// The preferred-network connector against real sockets on loopback
+// (127.0.1.0/24): which address it dials, from where, in how long, and that it
+// leaves no descriptor behind.
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "prefnet/qxclnt_prefnet.h"
+#include "qx_test_env.h"
+
+namespace {
+
+int fdCount() {
+  int n = 0;
+  DIR* d = opendir("/proc/self/fd");
+  while (d != nullptr && readdir(d) != nullptr) ++n;
+  if (d != nullptr) closedir(d);
+  return n;
+}
+
+std::string peerOf(int fd) {
+  sockaddr_storage sa{};
+  socklen_t len = sizeof sa;
+  char text[INET6_ADDRSTRLEN] = "";
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0)
+    wnet_sockAddrNtoPWithLength(reinterpret_cast<sockaddr*>(&sa), len, text, sizeof text);
+  return text;
+}
+
+sockaddr_in v4(const std::string& address, int port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, address.c_str(), &a.sin_addr);
+  return a;
+}
+
+// A listening socket on address:port (port 0: any). A black hole's backlog is
+// filled, so that further connection attempts go unanswered.
+struct Listener {
+  int fd = -1;
+  int port = 0;
+  std::vector<int> fillers;
+
+  Listener(const std::string& address, int wantPort, bool blackHole = false) {
+    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a = v4(address, wantPort);
+    socklen_t len = sizeof a;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        listen(fd, blackHole ? 0 : 16) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+      close(fd);
+      fd = -1;
+      return;
+    }
+    port = ntohs(a.sin_port);
+    for (int i = 0; blackHole && i < 8; ++i) {
+      int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a);
+      fillers.push_back(c);
+      pollfd p = {c, POLLOUT, 0};
+      if (poll(&p, 1, 200) == 0) return;  // unanswered: the hole is ready
+    }
+    if (blackHole) port = 0;
+  }
+  ~Listener() {
+    for (int f : fillers) close(f);
+    if (fd >= 0) close(fd);
+  }
+  // The peer address of a waiting connection (accepted and closed), or "".
+  std::string acceptPeer() {
+    pollfd p = {fd, POLLIN, 0};
+    int c = poll(&p, 1, 0) == 1 ? accept(fd, nullptr, nullptr) : -1;
+    std::string peer = c >= 0 ? peerOf(c) : "";
+    if (c >= 0) close(c);
+    return peer;
+  }
+};
+
+// Every free descriptor below `above` taken, so that the next socket is
+// numbered `above` or more.
+struct FdFiller {
+  std::vector<int> taken;
+  bool ok = false;
+  explicit FdFiller(int above) {
+    rlimit rl{};
+    getrlimit(RLIMIT_NOFILE, &rl);
+    if (rl.rlim_cur < static_cast<rlim_t>(above + 64)) {
+      rl.rlim_cur = above + 64;
+      if (rl.rlim_max < rl.rlim_cur || setrlimit(RLIMIT_NOFILE, &rl) != 0) return;
+    }
+    taken.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    for (int fd = 0; fd < above; ++fd) {
+      if (fcntl(fd, F_GETFD) == -1 && dup2(taken[0], fd) == fd) taken.push_back(fd);
+    }
+    ok = true;
+  }
+  ~FdFiller() {
+    for (int fd : taken) close(fd);
+  }
+};
+
+int connectBlocking(qxclnt_curl_prefnet& c) {
+  return c.connect(QXCLNT_CMODE_BLOCKING, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+}
+
+// Addresses of one case: 127.0.1.<base + i>.
+std::string addr(int base, int i) { return "127.0.1." + std::to_string(base + i); }
+
+class ConnectorTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(m_root.ok()) << m_root.error(); }
+  void rules(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& l : lines) text += "PREFERRED_NETWORK = " + l + "\n";
+    ASSERT_TRUE(m_root.writeConfig(text));
+  }
+  QXTestRoot m_root;
+};
+
+enum Role { REFUSED, LISTEN, BLACKHOLE };
+
+struct WalkCase {
+  const char* name;
+  int base;  // first address 127.0.1.<base>
+  std::vector<Role> roles;
+  std::vector<std::string> rules;  // "%0", "%1"... stand for the addresses
+  long budget;
+  int status;
+  int accepted;        // index of the address that gets the connection, -1 none
+  const char* source;  // the peer address the listener sees, nullptr: not checked
+  double minSeconds, maxSeconds;
+};
+
+TEST_F(ConnectorTest, BlockingWalkTable) {
+  const std::vector<WalkCase> cases = {
+      {"refused then accepted", 10, {REFUSED, LISTEN}, {}, 10, 0, 1, nullptr, 0, 0.9},
+      {"prohibited first skipped",
+       13,
+       {LISTEN, LISTEN},
+       {"%0 PROHIBITED"},
+       10,
+       0,
+       1,
+       nullptr,
+       0,
+       0.9},
+      {"all prohibited",
+       16,
+       {LISTEN, LISTEN},
+       {"%0 PROHIBITED", "%1 PROHIBITED"},
+       10,
+       WN_STATUS_BAD_PARAM,
+       -1,
+       nullptr,
+       0,
+       0.9},
+      {"black hole gets half the budget", 19, {BLACKHOLE, LISTEN}, {}, 2, 0, 1, nullptr, 0.9, 1.9},
+      {"bound to the named source", 22, {LISTEN}, {"%0 ONLY %1"}, 10, 0, 0, "127.0.1.23", 0, 0.9},
+      {"network rule binds",
+       25,
+       {LISTEN},
+       {"127.0.1.0/24 ONLY %2"},
+       10,
+       0,
+       0,
+       "127.0.1.27",
+       0,
+       0.9},
+      {"source the host lacks, next address",
+       28,
+       {LISTEN, LISTEN},
+       {"%0 ONLY 192.0.2.1"},
+       10,
+       0,
+       1,
+       nullptr,
+       0,
+       0.9},
+      {"source the host lacks everywhere",
+       31,
+       {LISTEN},
+       {"%0 ONLY 192.0.2.1"},
+       10,
+       WN_STATUS_CONNECT_FAILED,
+       -1,
+       nullptr,
+       0,
+       0.9},
+      {"last address refused",
+       34,
+       {REFUSED},
+       {},
+       10,
+       WN_STATUS_CONNECT_FAILED,
+       -1,
+       nullptr,
+       0,
+       0.9},
+  };
+  for (const WalkCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    // One port for every address of the case, as a name's addresses share it.
+    std::vector<std::unique_ptr<Listener>> listeners;
+    std::vector<std::string> names;
+    int port = 0;
+    for (size_t i = 0; i < c.roles.size(); ++i) {
+      names.push_back(addr(c.base, static_cast<int>(i)));
+      listeners.emplace_back(
+          c.roles[i] == REFUSED ? nullptr : new Listener(names[i], port, c.roles[i] == BLACKHOLE));
+      if (listeners[i]) {
+        port = listeners[i]->port;
+        ASSERT_NE(0, port);
+      }
+    }
+    if (port == 0) port = Listener(names[0], 0).port;  // a port nothing listens on
+    std::vector<std::string> lines;
+    for (std::string r : c.rules) {
+      for (size_t at; (at = r.find('%')) != std::string::npos;)
+        r.replace(at, 2, addr(c.base, r[at + 1] - '0'));
+      lines.push_back(r);
+    }
+    rules(lines);
+    wnet_T_setHostAddresses("walk.test", names);
+
+    int before = fdCount();
+    qxclnt_curl_prefnet conn("walk.test", static_cast<unsigned>(port), c.budget);
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(c.status, connectBlocking(conn));
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(seconds, c.minSeconds);
+    EXPECT_LE(seconds, c.maxSeconds);
+    int fd = static_cast<int>(conn);
+    if (c.accepted >= 0) {
+      EXPECT_EQ(names[c.accepted], peerOf(fd));
+      EXPECT_EQ("walk.test:" + std::to_string(port) + ":" + names[c.accepted],
+                static_cast<std::string>(conn));
+      close(fd);
+    } else {
+      EXPECT_EQ(-1, fd);
+      EXPECT_EQ("", static_cast<std::string>(conn));
+    }
+    for (size_t i = 0; i < listeners.size(); ++i) {
+      if (!listeners[i] || c.roles[i] == BLACKHOLE) continue;
+      std::string peer = listeners[i]->acceptPeer();
+      if (static_cast<int>(i) != c.accepted) {
+        EXPECT_EQ("", peer) << names[i] << " was dialled";
+      } else {
+        EXPECT_NE("", peer);
+        EXPECT_TRUE(c.source == nullptr || peer == c.source) << peer;
+      }
+    }
+    conn.reset();
+    EXPECT_EQ(before, fdCount()) << "a socket was left open";
+  }
+  wnet_T_setHostAddresses("walk.test", {});
+}
+
+// One step per call, with the caller's select() between steps.
+int stepLoop(qxclnt_curl_prefnet& conn, int& action) {
+  action = qxclnt_curl_prefnet::ACTION_NONE;
+  for (int round = 0; round < 20; ++round) {
+    fd_set r, w, e;
+    FD_ZERO(&r);
+    FD_ZERO(&w);
+    FD_ZERO(&e);
+    int maxfd = 0;
+    long timeout = 0;
+    int rc = conn.connect(QXCLNT_CMODE_NONBLOCKING, &action, &r, &w, &e, &maxfd, &timeout);
+    if (rc != 0 || action != qxclnt_curl_prefnet::ACTION_WATCH_WRITE) return rc;
+    EXPECT_TRUE(FD_ISSET(maxfd, &w));
+    EXPECT_GE(timeout, 1);
+    timeval tv = {timeout, 0};
+    if (select(maxfd + 1, &r, &w, &e, &tv) == 0) action = qxclnt_curl_prefnet::ACTION_TIMED_OUT;
+  }
+  return -1;
+}
+
+TEST_F(ConnectorTest, NonBlockingStepsInASelectLoop) {
+  Listener good(addr(40, 1), 0);
+  ASSERT_NE(0, good.port);
+  wnet_T_setHostAddresses("nb.test", {addr(40, 0), addr(40, 1)});  // the first refuses
+  rules({});
+  qxclnt_curl_prefnet conn("nb.test", static_cast<unsigned>(good.port), 10);
+  int action = 0;
+  ASSERT_EQ(WN_STATUS_SUCCESS, stepLoop(conn, action));
+  ASSERT_EQ(qxclnt_curl_prefnet::ACTION_CONNECTED, action);
+  EXPECT_EQ(addr(40, 1), peerOf(static_cast<int>(conn)));
+  close(static_cast<int>(conn));
+  conn.reset();
+
+  // The caller's select timing out before any attempt ends the connect.
+  action = qxclnt_curl_prefnet::ACTION_TIMED_OUT;
+  int maxfd = 0;
+  long timeout = 0;
+  EXPECT_EQ(WN_STATUS_CONNECT_TIMEOUT, conn.connect(QXCLNT_CMODE_NONBLOCKING, &action, nullptr,
+                                                    nullptr, nullptr, &maxfd, &timeout));
+  wnet_T_setHostAddresses("nb.test", {});
+}
+
+TEST_F(ConnectorTest, DescriptorsBeyondFdSetSize) {
+  Listener good(addr(43, 0), 0);
+  ASSERT_NE(0, good.port);
+  rules({});
+  int before = fdCount();
+  {
+    FdFiller filler(FD_SETSIZE + 8);
+    if (!filler.ok) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE above " << FD_SETSIZE;
+    // Blocking: poll() has no limit.
+    qxclnt_curl_prefnet blocking(addr(43, 0), static_cast<unsigned>(good.port), 10);
+    ASSERT_EQ(WN_STATUS_SUCCESS, connectBlocking(blocking));
+    int fd = static_cast<int>(blocking);
+    EXPECT_GE(fd, FD_SETSIZE);
+    EXPECT_EQ(addr(43, 0), peerOf(fd));
+    close(fd);
+
+    // Non-blocking with the caller's fd_set: refused and closed, nothing written.
+    int during = fdCount();
+    qxclnt_curl_prefnet stepped(addr(43, 0), static_cast<unsigned>(good.port), 10);
+    QXLogCapture log;
+    int action = 0;
+    int rc = stepLoop(stepped, action);
+    if (action == qxclnt_curl_prefnet::ACTION_CONNECTED) {  // connected at once: no set needed
+      close(static_cast<int>(stepped));
+    } else {
+      EXPECT_EQ(WN_STATUS_FD_SETSIZE, rc);
+      EXPECT_TRUE(log.contains("does not fit in a select() set")) << log.dump();
+    }
+    EXPECT_EQ(during, fdCount());
+  }
+  EXPECT_EQ(before, fdCount());
+}
+
+TEST_F(ConnectorTest, BadInput) {
+  rules({});
+  EXPECT_THROW(qxclnt_curl_prefnet("", 1, 10), int);
+  wnet_T_setHostAddresses("nosuch.test", {"not-an-address"});
+  qxclnt_curl_prefnet conn("nosuch.test", 1, 10);
+  EXPECT_EQ(WN_STATUS_BAD_PARAM, conn.connect(static_cast<qxclnt_cmode_t>(3), nullptr, nullptr,
+                                              nullptr, nullptr, nullptr, nullptr));
+  QXLogCapture log;
+  EXPECT_EQ(WN_STATUS_RESOLVE_FAILED, connectBlocking(conn));
+  EXPECT_TRUE(log.contains("Hostname resolution for [nosuch.test] host failed")) << log.dump();
+  wnet_T_setHostAddresses("nosuch.test", {});
+}
+
+}  // namespace
