@@ -161,7 +161,7 @@ int qxclnt_curl_prefnet::resolv_host_service(const std::string& host, struct add
                                              int* gaiErr) {
   const char* tag = "qxclnt_curl_prefnet::resolv_host_service";
   char service[16];
-  std::snprintf(service, sizeof service, "%u", m_port);
+  (void)std::snprintf(service, sizeof service, "%u", m_port);
   struct addrinfo hints = wnet_get_default_hints(wnet_adjusted_family(0));
   int rc = wnet_cached_getaddrinfo(bareHost(host).c_str(), service, &hints, list, gaiErr);
   if (rc != WN_STATUS_SUCCESS) {

@@ -37,7 +37,7 @@ int qxcurlRoute(const std::string& server, int port, long timeoutSeconds, QXRout
       disabled;
 
   char service[16];
-  std::snprintf(service, sizeof service, "%d", port);
+  (void)std::snprintf(service, sizeof service, "%d", port);
   struct addrinfo hints = wnet_get_default_hints(wnet_adjusted_family(0));
   struct addrinfo* list = nullptr;
   int rc = wnet_cached_getaddrinfo(host.c_str(), service, &hints, &list, &out.gaiError);

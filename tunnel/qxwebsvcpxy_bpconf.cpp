@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include <memory>
+
 #include "qx_config.h"
 #include "qx_log.h"
 
@@ -18,10 +20,7 @@ int readWebsvcRecord(const char* tag, Copy copy) {
                             << "\n";
     return rc;
   }
-  struct Release {
-    qxconf_info** p;
-    ~Release() { qxconf_free_info(p); }
-  } release{&info};
+  std::unique_ptr<qxconf_info*, void (*)(qxconf_info**)> release(&info, qxconf_free_info);
   copy(*info);
   return 0;
 }

@@ -54,7 +54,6 @@ enum caLoadType {
 // Fixed trust-store path for a certificate type (under the install root).
 QX_API std::string getCAFilePath(cert_type certType);
 
-
 // Revocation verdicts already known for a peer chain, so that a handshake
 // can skip the CRL check (the asynchronous client keeps one).
 // Polymorphic, with its destructor out of line to anchor the type in the

@@ -15,6 +15,7 @@
 // servers replace the configuration sources. The cache file
 // "websvctunnels.cache" (lock "websvctunnels.lck") is shared by every process
 // of the host: one "master = tunnel" entry per line.
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions): a value type
 class QX_API QXWebsvcTunnelRouter {
  public:
   QXWebsvcTunnelRouter();
