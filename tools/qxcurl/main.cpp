@@ -31,6 +31,7 @@ const char* const kUsage =
     "                     [--password-file FILE] | [--api-key KEYS]\n"
     "       qxcurl logout --server S [--port N]\n"
     "       qxcurl token  --server S [--port N] [--cert-type N] [--new] [--show] [--clear]\n"
+    "       qxcurl cache  --server S [--port N] [--list | --clear]\n"
     "  METHOD  GET, POST, PUT, PATCH, DELETE or UPLOAD (multipart POST of --file)\n"
     "  PATH    web-service path, e.g. arvion/ping\n"
     "options of every command:\n"
@@ -65,6 +66,11 @@ const char* const kUsage =
     "  --retry-window S         connection-retry window, seconds (0: no retries)\n"
     "  --api-version V          send media type version V\n"
     "  --include                print the response headers before the body\n"
+    "                           (\"served from cache\" for an answer from the cache)\n"
+    "  --cache 0..4             GET: 0 no cache, 1 cache, 2 always ask and cache,\n"
+    "                           3 and 4 as 1 and 2 with the body in the secure store\n"
+    "  --ttl S                  GET: seconds to cache when the server names none\n"
+    "                           (default 86400)\n"
     "options of login:\n"
     "  --user NAME --domain-type T [--domain-name D (default: the server)]\n"
     "  --password-file FILE     password on its first line (else prompted, or read from\n"
@@ -75,6 +81,9 @@ const char* const kUsage =
     "  --new                    log in again even if the cached token is good\n"
     "  --show                   print the token in full (default: masked)\n"
     "  --clear                  clear the cached token (with --new: then log in)\n"
+    "options of cache:\n"
+    "  --list                   list the cached results of the server (the default)\n"
+    "  --clear                  remove them\n"
     "exit status: 0 success (HTTP 2xx), 1 HTTP error, 2 usage error, 3 library status\n";
 
 // Options every command takes; the others belong to one command.
@@ -83,6 +92,8 @@ const char* const kCommonOptions[] = {"--server", "--port", "--cert-type", "--ti
 const char* const kLoginOptions[] = {"--user", "--domain-type", "--domain-name", "--password-file",
                                      "--api-key"};
 const char* const kTokenOptions[] = {"--new", "--show", "--clear"};
+const char* const kCacheOptions[] = {"--list", "--clear"};
+const char* const kCachedGetOptions[] = {"--cache", "--ttl"};
 
 // TEXT, or the contents of FILE for "@FILE".
 std::string valueOrFile(const std::string& arg, const char* option) {
@@ -127,18 +138,22 @@ bool listed(const char* const (&names)[N], const std::string& name) {
 
 // Refuses an option that the chosen command does not take.
 void checkOptionsBelong(const Options& o) {
-  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token"};
+  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token", "cache"};
   for (const std::string& name : o.seen) {
     bool ok = listed(kCommonOptions, name);
     switch (o.command) {
       case CMD_REQUEST:
-        ok = ok || !(listed(kLoginOptions, name) || listed(kTokenOptions, name));
+        ok = ok || !(listed(kLoginOptions, name) || listed(kTokenOptions, name) ||
+                     listed(kCacheOptions, name));
         break;
       case CMD_LOGIN:
         ok = ok || listed(kLoginOptions, name);
         break;
       case CMD_TOKEN:
         ok = ok || listed(kTokenOptions, name);
+        break;
+      case CMD_CACHE:
+        ok = ok || listed(kCacheOptions, name);
         break;
       case CMD_LOGOUT:
         break;
@@ -159,6 +174,11 @@ void checkRequest(Options& o, const std::vector<std::string>& positional) {
     throw UsageError(o.method + " needs --data");
   }
   if (o.method == "UPLOAD" && o.file.empty()) throw UsageError("UPLOAD needs --file");
+  for (const std::string& name : o.seen) {
+    if (listed(kCachedGetOptions, name) && o.method != "GET") {
+      throw UsageError(name + " applies to GET only");
+    }
+  }
   if (o.remoteName.empty() && !o.file.empty()) {
     size_t slash = o.file.rfind('/');
     o.remoteName = slash == std::string::npos ? o.file : o.file.substr(slash + 1);
@@ -186,6 +206,7 @@ Options parseArgs(int argc, char** argv) {
     if (word == "login") o.command = CMD_LOGIN;
     if (word == "logout") o.command = CMD_LOGOUT;
     if (word == "token") o.command = CMD_TOKEN;
+    if (word == "cache") o.command = CMD_CACHE;
     if (o.command != CMD_REQUEST) first = 2;
   }
   for (int i = first; i < argc; ++i) {
@@ -281,6 +302,16 @@ Options parseArgs(int argc, char** argv) {
       o.showToken = true;
     } else if (a == "--clear") {
       o.clearToken = true;
+      o.clearCache = true;
+    } else if (a == "--list") {
+      o.listCache = true;
+    } else if (a == "--cache") {
+      std::string v = next();
+      if (v.size() != 1 || v[0] < '0' || v[0] > '4') throw UsageError("--cache is 0 to 4");
+      o.cache = v[0] - '0';
+    } else if (a == "--ttl") {
+      o.ttl = toInt(next(), "--ttl");
+      if (o.ttl < 1) throw UsageError("--ttl must be 1 or more");
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("unknown option " + a);
     } else {
@@ -386,7 +417,10 @@ int runRequest(const Options& o) {
   }
 
   int status;
-  if (o.method == "GET") {
+  if (o.method == "GET" && o.cache >= 0) {
+    status = c.GetWithCache(static_cast<cache_usage_decision>(o.cache), o.path,
+                            WEBSVC_RESPONSE_JSON, o.ttl);
+  } else if (o.method == "GET") {
     status = c.Get(o.path);
   } else if (o.method == "POST") {
     status = c.Post(o.path, o.data);
@@ -400,7 +434,9 @@ int runRequest(const Options& o) {
     status = c.PostMultipartFile(o.path, o.file, o.remoteName, o.contentType);
   }
 
-  if (o.include) {
+  if (o.include && c.isServedFromCache()) {
+    std::fputs("served from cache\r\n\r\n", stdout);
+  } else if (o.include) {
     std::fwrite(c.getResponseHeaders().data(), 1, c.getResponseHeaders().size(), stdout);
   }
   const std::string& body = c.getResponseBody();
@@ -481,6 +517,8 @@ int main(int argc, char** argv) {
         return runLogout(o);
       case CMD_TOKEN:
         return runToken(o);
+      case CMD_CACHE:
+        return runCache(o);
       case CMD_REQUEST:
         break;
     }

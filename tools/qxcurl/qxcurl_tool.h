@@ -12,7 +12,7 @@ namespace qxtool {
 
 enum ExitCode { EXIT_OK = 0, EXIT_HTTP = 1, EXIT_USAGE = 2, EXIT_STATUS = 3 };
 
-enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN };
+enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN, CMD_CACHE };
 
 struct Options {
   Command command = CMD_REQUEST;
@@ -41,6 +41,8 @@ struct Options {
   long connectTimeout = -1, retryWindow = -1;
   std::string apiVersion;
   bool include = false;
+  int cache = -1;   // GET: cache decision 0..4; -1: no cache
+  int ttl = 86400;  // GET: time to live when the server names none
   std::string crl;
   int crlLevel = -1;  // -1: as configured
   bool allowFailedCrl = false;
@@ -55,6 +57,10 @@ struct Options {
   bool newToken = false;
   bool showToken = false;
   bool clearToken = false;
+
+  // cache
+  bool listCache = false;
+  bool clearCache = false;
 };
 
 class UsageError {
@@ -91,6 +97,7 @@ int openUserSession(const Options& o, std::unique_ptr<LoginWithUserTokenManager>
 int runLogin(const Options& o);
 int runLogout(const Options& o);
 int runToken(const Options& o);
+int runCache(const Options& o);
 
 }  // namespace qxtool
 #endif
