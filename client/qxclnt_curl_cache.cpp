@@ -3,7 +3,6 @@
 // the account's secure session store.
 #include <jansson.h>
 
-#include <cstdlib>
 #include <memory>
 
 #include "qx_cs_cache.h"
@@ -94,18 +93,13 @@ int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string&
   bool updateAllowed = useCache;
   FillGuard fill{m_cacheHandle, path};
   if (lookup) {
-    json_t* cached = nullptr;
+    // The stored text is the entry's JSON as json_dumps with flags 0 gives it.
+    std::string cached;
     int rc = fetch_cs_cache_info_or_lock_with_retry(m_cacheHandle, QX_CS_CACHE_KIND_WEBSVC, path,
                                                     &cached);
     if (rc == 0 && !secure) {
-      char* text = json_dumps(cached, 0);
-      if (text != nullptr) {
-        m_responseBody = text;
-        m_httpCode = 200;
-        free(text);
-      } else {
-        rc = QX_ERR_NO_MEMORY;
-      }
+      m_responseBody.swap(cached);
+      m_httpCode = 200;
     } else if (rc == 0) {
       std::string text = store->readSessionToken();
       if (!text.empty()) {
@@ -115,10 +109,9 @@ int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string&
       } else {
         QXLOG(QXLOG_ERROR, tag) << "Failed to readSessionToken(), returned empty response, hence "
                                    "marking cred cache-read(secure cache) failure.";
-        rc = CACHE_USAGE_SECURE_READ;
+        rc = CACHE_USAGE_SECURE_READ;  // a miss that must not fill
       }
     }
-    json_decref(cached);
     if (rc == 0) {
       logmsgf(QXLOG_PROGRESS, QXLOG_CATEGORY, "fetchCacheValue",
               "request served from cache for url:%s", path.c_str());

@@ -2,13 +2,13 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -49,31 +49,55 @@ void pauseMs(unsigned ms) {
   }
 }
 
-std::string sha256Hex(const std::string& data) {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int len = 0;
-  if (EVP_Digest(data.data(), data.size(), md, &len, EVP_sha256(), nullptr) != 1) return "";
+// A 128-bit hash as 32 hex digits: file names for scopes and keys. Not a
+// cryptographic digest, on purpose: a short-lived program answered from the
+// cache would spend far longer setting up a digest than on the hit itself.
+// Collisions are harmless: every entry holds its scope and key, compared on
+// each read, so a collision could only cost a miss.
+std::string hash128Hex(const std::string& data) {
+  uint64_t a = 0xcbf29ce484222325ULL;  // FNV-1a
+  uint64_t b = 0x9e3779b97f4a7c15ULL ^ data.size();
+  for (unsigned char c : data) {
+    a = (a ^ c) * 0x100000001b3ULL;
+    b = (b ^ c) * 0xff51afd7ed558ccdULL;
+    b ^= b >> 29;
+  }
+  auto mix = [](uint64_t x) {  // splitmix64's finaliser
+    x ^= x >> 30;
+    x *= 0xbf58476d1ce4e5b9ULL;
+    x ^= x >> 27;
+    x *= 0x94d049bb133111ebULL;
+    return x ^ (x >> 31);
+  };
+  const uint64_t halves[2] = {mix(a ^ (b << 1)), mix(b + a)};
   static const char hex[] = "0123456789abcdef";
-  std::string out(len * 2, '0');
-  for (unsigned int i = 0; i < len; ++i) {
-    out[2 * i] = hex[md[i] >> 4];
-    out[2 * i + 1] = hex[md[i] & 15];
+  std::string out(32, '0');
+  for (int h = 0; h < 2; ++h) {
+    for (int i = 0; i < 16; ++i) out[h * 16 + i] = hex[(halves[h] >> (60 - 4 * i)) & 15];
   }
   return out;
 }
 
 std::string baseDir() { return qxRootPath("/usr/tarvo/var/cache/websvc"); }
 
-std::string accountDir() { return baseDir() + "/" + std::to_string(geteuid()); }
+// Where one key of one handle lives.
+struct Paths {
+  std::string account;  // the account's directory
+  std::string scope;    // the handle's directory in it
+  std::string stem;     // the entry's path without suffix
+};
 
-// Entry file path without suffix; "" when hashing fails.
-std::string entryStem(const std::string& handle, int kind, const std::string& key) {
+bool pathsFor(const std::string& handle, int kind, const std::string& key, Paths& p) {
+  std::string scopeHash = hash128Hex(handle);
   std::string name = std::to_string(kind);
   name += '\0';
   name += key;
-  std::string hash = sha256Hex(name);
-  std::string scope = qxCSCacheScopeDir(handle);
-  return hash.empty() || scope.empty() ? std::string() : scope + "/" + hash;
+  std::string keyHash = hash128Hex(name);
+  if (handle.empty()) return false;
+  p.account = baseDir() + "/" + std::to_string(geteuid());
+  p.scope = p.account + "/" + scopeHash;
+  p.stem = p.scope + "/" + keyHash;
+  return true;
 }
 
 // A directory of this account that nobody else can enter: no link, ours,
@@ -107,12 +131,12 @@ bool makeParents(const std::string& dir) {
 }
 
 // The scope directory, created on demand; false (logged) when it is not safe.
-bool ensureScopeDir(const std::string& handle) {
+bool ensureScopeDir(const Paths& p) {
   const char* tag = "fetch_cs_cache_info_or_lock_with_retry";
-  std::string scope = qxCSCacheScopeDir(handle);
-  if (privateDir(scope) && privateDir(accountDir())) return true;
+  const std::string& scope = p.scope;
+  const std::string& account = p.account;
+  if (privateDir(account) && privateDir(scope)) return true;
   std::string base = baseDir();
-  std::string account = accountDir();
   if (!makeParents(base) || !makeDir(base, 01777) || !sharedParent(base)) {
     QXLOG(QXLOG_ERROR, tag) << "Cache directory [" << base << "] is unusable";
     return false;
@@ -162,13 +186,14 @@ bool readEntryFile(const std::string& path, std::string& text, size_t* size) {
   return ok;
 }
 
-// 0 and *json for a live entry of key; a miss otherwise.
-int readLive(const std::string& handle, int kind, const std::string& key, const std::string& path,
-             json_t** json) {
-  if (!privateDir(accountDir()) || !privateDir(qxCSCacheScopeDir(handle))) return QX_ERR_READ;
+// 0 and the value's text for a live entry of key; a miss otherwise.
+int readLive(const std::string& handle, int kind, const std::string& key, const Paths& p,
+             std::string& value) {
+  if (!privateDir(p.account) || !privateDir(p.scope)) return QX_ERR_READ;
+  const std::string path = p.stem + kEntrySuffix;
   std::string text;
   if (!readEntryFile(path, text, nullptr)) return QX_ERR_READ;
-  int rc = qxCSCacheParseEntry(text, handle, kind, &key, nowSeconds(), json, nullptr);
+  int rc = qxCSCacheParseEntry(text, handle, kind, &key, nowSeconds(), &value, nullptr);
   if (rc == QX_ERR_JSON_PARSE) {
     QXLOG(QXLOG_DETAIL, "fetch_cs_cache_info_or_lock_with_retry")
         << "Cache entry [" << path << "] is damaged; ignored";
@@ -203,6 +228,23 @@ void releaseHeld(const std::string& lockPath) {
   ManageLockFile(lockPath.c_str(), QXLOCK_RELEASE, fd, nullptr);
 }
 
+// A cheap check that a value's text is whole JSON: it opens and closes as
+// one value does. Hits hand the text out without loading it.
+bool plausibleJson(char first, char last) {
+  switch (first) {
+    case '{':
+      return last == '}';
+    case '[':
+      return last == ']';
+    case '"':
+      return last == '"';
+    default:
+      return (first == '-' || (first >= '0' && first <= '9') || first == 't' || first == 'f' ||
+              first == 'n') &&
+             (last == 'e' || last == 'l' || (last >= '0' && last <= '9'));
+  }
+}
+
 bool getLongLong(json_t* obj, const char* name, long long& out) {
   json_t* v = json_object_get(obj, name);
   if (!json_is_integer(v)) return false;
@@ -222,66 +264,67 @@ std::string qxCSCacheHandle(const std::string& server, int port) {
 }
 
 std::string qxCSCacheScopeDir(const std::string& handle) {
-  std::string hash = sha256Hex(handle);
-  return hash.empty() ? std::string() : accountDir() + "/" + hash.substr(0, 32);
+  Paths p;
+  return pathsFor(handle, QX_CS_CACHE_KIND_WEBSVC, "", p) ? p.scope : std::string();
 }
 
 std::string qxCSCacheEntryPath(const std::string& handle, int kind, const std::string& key) {
-  std::string stem = entryStem(handle, kind, key);
-  return stem.empty() ? stem : stem + kEntrySuffix;
+  Paths p;
+  return pathsFor(handle, kind, key, p) ? p.stem + kEntrySuffix : std::string();
 }
 
 int qxCSCacheParseEntry(const std::string& text, const std::string& handle, int kind,
-                        const std::string* key, long long now, json_t** value,
+                        const std::string* key, long long now, std::string* value,
                         QXCSCacheEntry* info) {
-  if (value != nullptr) *value = nullptr;
+  if (value != nullptr) value->clear();
+  const size_t nl = text.find('\n');
+  if (nl == std::string::npos) return QX_ERR_JSON_PARSE;
   json_error_t error;
-  json_t* root = json_loadb(text.data(), text.size(), JSON_ALLOW_NUL, &error);
+  json_t* root = json_loadb(text.data(), nl, JSON_ALLOW_NUL, &error);
   json_t* scope = json_object_get(root, "scope");
   json_t* k = json_object_get(root, "key");
-  json_t* v = json_object_get(root, "value");
-  long long version = 0, entryKind = 0, stored = 0, expires = 0;
-  bool ok = json_is_object(root) && getLongLong(root, "version", version) &&
-            version == kFormatVersion && getLongLong(root, "kind", entryKind) &&
-            entryKind == kind && json_is_string(scope) && json_is_string(k) && v != nullptr &&
-            getLongLong(root, "stored", stored) && getLongLong(root, "expires", expires) &&
-            handle.compare(0, std::string::npos, json_string_value(scope),
-                           json_string_length(scope)) == 0 &&
-            (key == nullptr ||
-             key->compare(0, std::string::npos, json_string_value(k), json_string_length(k)) == 0);
-  if (!ok) {
-    json_decref(root);
-    return QX_ERR_JSON_PARSE;
-  }
-  if (info != nullptr) {
+  long long version = 0, entryKind = 0, stored = 0, expires = 0, length = -1;
+  const size_t valueAt = nl + 1;
+  bool ok =
+      json_is_object(root) && getLongLong(root, "version", version) && version == kFormatVersion &&
+      getLongLong(root, "kind", entryKind) && entryKind == kind && json_is_string(scope) &&
+      json_is_string(k) && getLongLong(root, "stored", stored) &&
+      getLongLong(root, "expires", expires) && getLongLong(root, "length", length) && length > 0 &&
+      static_cast<unsigned long long>(length) == text.size() - valueAt &&
+      plausibleJson(text[valueAt], text.back()) &&
+      handle.compare(0, std::string::npos, json_string_value(scope), json_string_length(scope)) ==
+          0 &&
+      (key == nullptr ||
+       key->compare(0, std::string::npos, json_string_value(k), json_string_length(k)) == 0);
+  if (ok && info != nullptr) {
     info->key.assign(json_string_value(k), json_string_length(k));
     info->stored = stored;
     info->expires = expires;
     info->size = text.size();
   }
+  json_decref(root);
+  if (!ok) return QX_ERR_JSON_PARSE;
   // Live: not expired, not stored in the future, never longer than the cap
   // (the numbers come from a file, so the subtraction is kept in range).
   bool live = now < expires && stored <= now + kClockSlack && stored > 0 &&
               expires - stored <= QX_CS_CACHE_MAX_TTL;
-  if (live && value != nullptr) *value = json_incref(v);
-  json_decref(root);
+  if (live && value != nullptr) value->assign(text, valueAt, std::string::npos);
   return live ? 0 : QX_ERR_TIMEOUT;
 }
 
-int fetch_cs_cache_info_or_lock_with_retry(const std::string& handle, int kind,
-                                           const std::string& key, json_t** json) {
+namespace {
+// The single-flight lookup, giving the value's text.
+int fetchText(const std::string& handle, int kind, const std::string& key, std::string& value) {
   const char* tag = "fetch_cs_cache_info_or_lock_with_retry";
-  if (json == nullptr || handle.empty() || kind != QX_CS_CACHE_KIND_WEBSVC) {
+  value.clear();
+  Paths p;
+  if (kind != QX_CS_CACHE_KIND_WEBSVC || !pathsFor(handle, kind, key, p)) {
     return QX_ERR_BAD_ARGUMENT;
   }
-  *json = nullptr;
-  std::string stem = entryStem(handle, kind, key);
-  if (stem.empty()) return QX_ERR_BAD_ARGUMENT;
-  const std::string path = stem + kEntrySuffix;
-  const std::string lockPath = stem + kLockSuffix;
-  if (readLive(handle, kind, key, path, json) == 0) return 0;
+  const std::string lockPath = p.stem + kLockSuffix;
+  if (readLive(handle, kind, key, p, value) == 0) return 0;
 
-  if (!ensureScopeDir(handle)) return QX_ERR_NO_INSTALL_DIR;
+  if (!ensureScopeDir(p)) return QX_ERR_NO_INSTALL_DIR;
   // A fill this thread began and never finished is still its own.
   if (holding(lockPath)) return QX_CS_CACHE_FILL;
   unsigned waited = 0;
@@ -291,7 +334,7 @@ int fetch_cs_cache_info_or_lock_with_retry(const std::string& handle, int kind,
     int fd = ManageLockFile(lockPath.c_str(), QXLOCK_TAKE, -1, &err);
     if (fd >= 0) {
       // The previous holder may have stored the entry just before letting go.
-      if (readLive(handle, kind, key, path, json) == 0) {
+      if (readLive(handle, kind, key, p, value) == 0) {
         ManageLockFile(lockPath.c_str(), QXLOCK_RELEASE, fd, nullptr);
         return 0;
       }
@@ -312,43 +355,75 @@ int fetch_cs_cache_info_or_lock_with_retry(const std::string& handle, int kind,
     pauseMs(step);
     waited += step;
     step = std::min(step * 2, 100u);
-    if (readLive(handle, kind, key, path, json) == 0) return 0;
+    if (readLive(handle, kind, key, p, value) == 0) return 0;
   }
+}
+}  // namespace
+
+int fetch_cs_cache_info_or_lock_with_retry(const std::string& handle, int kind,
+                                           const std::string& key, std::string* text) {
+  if (text == nullptr) return QX_ERR_BAD_ARGUMENT;
+  return fetchText(handle, kind, key, *text);
+}
+
+int fetch_cs_cache_info_or_lock_with_retry(const std::string& handle, int kind,
+                                           const std::string& key, json_t** json) {
+  if (json == nullptr) return QX_ERR_BAD_ARGUMENT;
+  *json = nullptr;
+  std::string text;
+  int rc = fetchText(handle, kind, key, text);
+  if (rc != 0) return rc;
+  json_error_t error;
+  *json = json_loadb(text.data(), text.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, &error);
+  if (*json != nullptr) return 0;
+  // Live by its header, yet its value does not load: a miss, and nobody's
+  // fill (the entry expires in its time).
+  QXLOG(QXLOG_DETAIL, "fetch_cs_cache_info_or_lock_with_retry")
+      << "Cache entry for [" << key << "] is damaged; ignored";
+  return QX_ERR_JSON_PARSE;
 }
 
 int update_cs_cache_info(const std::string& handle, int kind, const std::string& key, json_t* json,
                          int ttl) {
   const char* tag = "update_cs_cache_info";
-  std::string stem = handle.empty() ? std::string() : entryStem(handle, kind, key);
+  Paths p;
+  const bool named = pathsFor(handle, kind, key, p);
   struct Release {
     std::string lockPath;
     ~Release() {
       if (!lockPath.empty()) releaseHeld(lockPath);
     }
-  } release{stem.empty() ? std::string() : stem + kLockSuffix};
-  if (json == nullptr || stem.empty() || kind != QX_CS_CACHE_KIND_WEBSVC || ttl < 1) {
+  } release{named ? p.stem + kLockSuffix : std::string()};
+  if (json == nullptr || !named || kind != QX_CS_CACHE_KIND_WEBSVC || ttl < 1) {
     return QX_ERR_BAD_ARGUMENT;
   }
-  if (!ensureScopeDir(handle)) return QX_ERR_NO_INSTALL_DIR;
+  if (!ensureScopeDir(p)) return QX_ERR_NO_INSTALL_DIR;
+  const std::string& stem = p.stem;
   long long now = nowSeconds();
   long long life = std::min(ttl, QX_CS_CACHE_MAX_TTL);
-  json_t* env = json_object();
-  bool ok = env != nullptr &&
-            json_object_set_new(env, "version", json_integer(kFormatVersion)) == 0 &&
-            json_object_set_new(env, "scope", json_stringn(handle.data(), handle.size())) == 0 &&
-            json_object_set_new(env, "kind", json_integer(kind)) == 0 &&
-            json_object_set_new(env, "key", json_stringn(key.data(), key.size())) == 0 &&
-            json_object_set_new(env, "stored", json_integer(now)) == 0 &&
-            json_object_set_new(env, "expires", json_integer(now + life)) == 0 &&
-            json_object_set(env, "value", json) == 0;
-  char* text = ok ? json_dumps(env, JSON_COMPACT) : nullptr;
-  json_decref(env);
-  if (text == nullptr) {
+  // The value as GetWithCache answers it (json_dumps, flags 0), so that a hit
+  // hands the text out without loading and dumping it again.
+  char* value = json_dumps(json, JSON_ENCODE_ANY);
+  json_t* head = json_object();
+  bool ok = value != nullptr && *value != '\0' && head != nullptr &&
+            json_object_set_new(head, "version", json_integer(kFormatVersion)) == 0 &&
+            json_object_set_new(head, "scope", json_stringn(handle.data(), handle.size())) == 0 &&
+            json_object_set_new(head, "kind", json_integer(kind)) == 0 &&
+            json_object_set_new(head, "key", json_stringn(key.data(), key.size())) == 0 &&
+            json_object_set_new(head, "stored", json_integer(now)) == 0 &&
+            json_object_set_new(head, "expires", json_integer(now + life)) == 0 &&
+            json_object_set_new(head, "length",
+                                json_integer(static_cast<json_int_t>(std::strlen(value)))) == 0;
+  char* headText = ok ? json_dumps(head, JSON_COMPACT) : nullptr;
+  json_decref(head);
+  std::string data;
+  if (headText != nullptr) data = std::string(headText) + "\n" + value;
+  free(headText);
+  free(value);
+  if (data.empty()) {
     QXLOG(QXLOG_ERROR, tag) << "Cannot serialise the entry for [" << key << "]";
     return QX_ERR_WRITE;
   }
-  std::string data(text);
-  free(text);
   if (data.size() > QX_CS_CACHE_MAX_ENTRY) {
     QXLOG(QXLOG_DETAIL, tag) << "Entry for [" << key << "] is too large to cache [" << data.size()
                              << "] bytes";
@@ -364,18 +439,18 @@ int update_cs_cache_info(const std::string& handle, int kind, const std::string&
 }
 
 void release_cs_cache_lock(const std::string& handle, int kind, const std::string& key) {
-  if (handle.empty()) return;
-  std::string stem = entryStem(handle, kind, key);
-  if (!stem.empty()) releaseHeld(stem + kLockSuffix);
+  Paths p;
+  if (pathsFor(handle, kind, key, p)) releaseHeld(p.stem + kLockSuffix);
 }
 
 namespace {
 // Calls fn(name) for every file name in a handle's scope directory.
 template <class Fn>
 int forEachName(const std::string& handle, Fn fn) {
-  if (handle.empty()) return QX_ERR_BAD_ARGUMENT;
-  std::string scope = qxCSCacheScopeDir(handle);
-  if (!privateDir(accountDir()) || !privateDir(scope)) return 0;
+  Paths p;
+  if (!pathsFor(handle, QX_CS_CACHE_KIND_WEBSVC, "", p)) return QX_ERR_BAD_ARGUMENT;
+  const std::string& scope = p.scope;
+  if (!privateDir(p.account) || !privateDir(scope)) return 0;
   DIR* dir = opendir(scope.c_str());
   if (dir == nullptr) return 0;
   while (struct dirent* d = readdir(dir)) fn(scope, std::string(d->d_name));

@@ -3,9 +3,9 @@
 //
 //   <root>/var/cache/websvc/                  1777, like /tmp
 //     <euid>/                                 0700, the account's own
-//       <sha256(scope)[0..31]>/               one directory per server:port
-//         <sha256(kind, key)>.entry           0600, JSON envelope with expiry
-//         <sha256(kind, key)>.lck             lock of the entry's filler
+//       <hash(scope)>/                        one directory per server:port
+//         <hash(kind, key)>.entry             0600, header line with expiry, then the JSON
+//         <hash(kind, key)>.lck               lock of the entry's filler
 //
 // A handle names the scope of a client's entries (its server and port), so two
 // masters with the same path never share an entry. Keys are hashed: no key
@@ -55,6 +55,10 @@ std::string qxCSCacheHandle(const std::string& server, int port);
 // QX_ERR_NO_INSTALL_DIR (no usable cache directory), QX_ERR_BAD_ARGUMENT.
 int fetch_cs_cache_info_or_lock_with_retry(const std::string& handle, int kind,
                                            const std::string& key, json_t** json);
+// The same, giving a live entry's value as JSON text (json_dumps with flags
+// 0, as stored): a hit then costs no loading and dumping.
+int fetch_cs_cache_info_or_lock_with_retry(const std::string& handle, int kind,
+                                           const std::string& key, std::string* text);
 // Stores json (not stolen) for ttl seconds (capped at QX_CS_CACHE_MAX_TTL),
 // then releases this thread's lock of the key if it holds it. 0;
 // QX_ERR_BAD_ARGUMENT for a null json, ttl below 1 or another kind;
@@ -78,12 +82,15 @@ int qxCSCacheList(const std::string& handle, std::vector<QXCSCacheEntry>& out);
 // QX_ERR_WRITE when one could not be removed.
 int qxCSCacheClear(const std::string& handle, int* removed);
 
-// Reads an entry file's text. 0 when it is a well-formed entry of this scope,
-// kind and key (a null key accepts any) that is live at now; *value (may be
-// null) receives a new reference. QX_ERR_JSON_PARSE for damaged text or an
-// entry of another scope or key; QX_ERR_TIMEOUT for an expired one.
+// Reads an entry file's text: a header line, the JSON object {"version",
+// "scope", "kind", "key", "stored", "expires", "length"}, then the value's JSON
+// text of that length. 0 when it is a well-formed entry of this scope, kind
+// and key (a null key accepts any) that is live at now; *value (may be null)
+// receives the value's text. QX_ERR_JSON_PARSE for damaged text or an entry
+// of another scope or key; QX_ERR_TIMEOUT for an expired one (*info is
+// filled in both the live and the expired case).
 int qxCSCacheParseEntry(const std::string& text, const std::string& handle, int kind,
-                        const std::string* key, long long now, json_t** value,
+                        const std::string* key, long long now, std::string* value,
                         QXCSCacheEntry* info);
 
 // Paths, for diagnostics and tests.

@@ -57,18 +57,19 @@ class ClientCacheTest : public QXEmulatorTest {
   // The stored entry of path, "" when there is none.
   QXCSCacheEntry stored(const std::string& path, std::string* value = nullptr) {
     QXCSCacheEntry info;
-    json_t* v = nullptr;
     std::string text = qxReadFile(qxCSCacheEntryPath(handle(), QX_CS_CACHE_KIND_WEBSVC, path));
+    std::string v;
     if (qxCSCacheParseEntry(text, handle(), QX_CS_CACHE_KIND_WEBSVC, &path, time(nullptr), &v,
                             &info) != 0) {
       info = QXCSCacheEntry();
     }
-    if (value != nullptr) {
-      char* dump = v ? json_dumps(v, JSON_COMPACT) : nullptr;
+    if (value != nullptr) {  // compact, whatever the stored spacing
+      json_t* j = json_loads(v.c_str(), 0, nullptr);
+      char* dump = j ? json_dumps(j, JSON_COMPACT) : nullptr;
       *value = dump ? dump : "";
       free(dump);
+      json_decref(j);
     }
-    json_decref(v);
     return info;
   }
   void put(const std::string& path, const char* json) {
