@@ -72,11 +72,6 @@ class ClientCacheTest : public QXEmulatorTest {
     }
     return info;
   }
-  void put(const std::string& path, const char* json) {
-    json_t* v = json_loads(json, 0, nullptr);
-    ASSERT_EQ(0, update_cs_cache_info(handle(), QX_CS_CACHE_KIND_WEBSVC, path, v, 600));
-    json_decref(v);
-  }
 };
 
 // Another thread of this process fills the key and does not finish meanwhile.
@@ -140,7 +135,9 @@ TEST_F(ClientCacheTest, DecisionTable) {
     SessionTokenMgmt store(url(kPath).c_str());
     ASSERT_EQ(0, store.deleteSessionToken());
     ASSERT_EQ(0, emulator().reset());
-    if (r.state == LIVE) put(kPath, kOld);
+    json_t* old = json_loads(kOld, 0, nullptr);
+    if (r.state == LIVE) update_cs_cache_info(handle(), QX_CS_CACHE_KIND_WEBSVC, kPath, old, 600);
+    json_decref(old);
     if (r.secureFilled) {
       ASSERT_EQ(0, store.writeSessionToken(kSecure, 600));
     }
@@ -161,21 +158,11 @@ TEST_F(ClientCacheTest, DecisionTable) {
     }
     EXPECT_EQ(r.decision != 0, log.contains("Checking cache before/after web-api for path:"));
 
-    std::string value;
+    std::string value, want = r.entry == std::string("old") ? kOld : r.entry;
     stored(kPath, &value);
-    std::string want = r.entry;
-    if (want == "old") want = kOld;
-    if (want == "fresh") {
-      EXPECT_NE(std::string::npos, value.find(kFresh)) << value;
-    } else {
-      EXPECT_EQ(want, value);
-    }
-    std::string secure = store.readSessionToken();
-    if (std::string(r.secure) == "fresh") {
-      EXPECT_EQ(c->getResponseBody(), secure);
-    } else {
-      EXPECT_EQ(r.secure, secure);
-    }
+    EXPECT_TRUE(want == "fresh" ? value.find(kFresh) != std::string::npos : value == want) << value;
+    std::string secure = r.secure == std::string("fresh") ? c->getResponseBody() : r.secure;
+    EXPECT_EQ(secure, store.readSessionToken());
   }
 }
 
