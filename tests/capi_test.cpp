@@ -69,6 +69,7 @@ TEST_F(CapiTest, WebSyncAnswers) {
        "id"},
       {"204", "{\"kind\":\"status\",\"status\":204,\"body\":\"\"}", kEcho, nullptr, true,
        QX_ERR_BAD_RESPONSE, nullptr},
+      {"array", "{\"kind\":\"status\",\"status\":200,\"body\":[1,2]}", kEcho, nullptr, true,
        QX_ERR_BAD_RESPONSE, nullptr},
       {"not JSON", "{\"kind\":\"notjson\"}", kEcho, nullptr, true, QX_ERR_BAD_RESPONSE, nullptr},
       {"null out", "{\"kind\":\"notjson\"}", kEcho, nullptr, false, 0, nullptr},
