@@ -25,7 +25,14 @@ int noCertOperations(std::string) { return 0; }
 
 class CapiTest : public QXEmulatorTest {
  protected:
-  virtual const char* address() const { return "127.0.3.1"; }
+  // Each test case runs as a process of its own, in parallel with others: each
+  // has its own address for port 1556 (127.0.3.2 stays unused: nothing there).
+  virtual const char* address() const {
+    std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
+    return name == "WebSyncAnswers"               ? "127.0.3.1"
+           : name == "DefaultTtlAndSuppliedToken" ? "127.0.3.4"
+                                                  : "127.0.3.5";
+  }
   QXEmulatorOptions emulatorOptions() const override {
     QXEmulatorOptions o;
     o.extraArgs = {"--host", address(), "--port", "1556"};
