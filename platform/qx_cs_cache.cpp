@@ -88,15 +88,13 @@ struct Paths {
 };
 
 bool pathsFor(const std::string& handle, int kind, const std::string& key, Paths& p) {
-  std::string scopeHash = hash128Hex(handle);
+  if (handle.empty()) return false;
   std::string name = std::to_string(kind);
   name += '\0';
   name += key;
-  std::string keyHash = hash128Hex(name);
-  if (handle.empty()) return false;
   p.account = baseDir() + "/" + std::to_string(geteuid());
-  p.scope = p.account + "/" + scopeHash;
-  p.stem = p.scope + "/" + keyHash;
+  p.scope = p.account + "/" + hash128Hex(handle);
+  p.stem = p.scope + "/" + hash128Hex(name);
   return true;
 }
 
@@ -163,7 +161,7 @@ bool readAll(int fd, size_t cap, std::string& out) {
 }
 
 // The text of an entry file of this account; false for anything else.
-bool readEntryFile(const std::string& path, std::string& text, size_t* size) {
+bool readEntryFile(const std::string& path, std::string& text) {
   QXFileTrust trust;
   int fd = qxOpenTrusted(path, O_RDONLY, &trust);
   if (fd < 0) {
@@ -180,9 +178,9 @@ bool readEntryFile(const std::string& path, std::string& text, size_t* size) {
     QXLOG(QXLOG_ERROR, "fetch_cs_cache_info_or_lock_with_retry")
         << "Cache entry [" << path << "] is not the account's own or too large; ignored";
   }
+  if (ok) text.reserve(static_cast<size_t>(st.st_size));
   ok = ok && readAll(fd, QX_CS_CACHE_MAX_ENTRY, text);
   close(fd);
-  if (ok && size != nullptr) *size = text.size();
   return ok;
 }
 
@@ -192,7 +190,7 @@ int readLive(const std::string& handle, int kind, const std::string& key, const 
   if (!privateDir(p.account) || !privateDir(p.scope)) return QX_ERR_READ;
   const std::string path = p.stem + kEntrySuffix;
   std::string text;
-  if (!readEntryFile(path, text, nullptr)) return QX_ERR_READ;
+  if (!readEntryFile(path, text)) return QX_ERR_READ;
   int rc = qxCSCacheParseEntry(text, handle, kind, &key, nowSeconds(), &value, nullptr);
   if (rc == QX_ERR_JSON_PARSE) {
     QXLOG(QXLOG_DETAIL, "fetch_cs_cache_info_or_lock_with_retry")
@@ -471,7 +469,7 @@ int qxCSCacheList(const std::string& handle, std::vector<QXCSCacheEntry>& out) {
     if (!endsWith(name, kEntrySuffix)) return;
     std::string text;
     QXCSCacheEntry info;
-    if (!readEntryFile(scope + "/" + name, text, nullptr)) return;
+    if (!readEntryFile(scope + "/" + name, text)) return;
     int prc =
         qxCSCacheParseEntry(text, handle, QX_CS_CACHE_KIND_WEBSVC, nullptr, now, nullptr, &info);
     if (prc == 0 || prc == QX_ERR_TIMEOUT) out.push_back(info);
