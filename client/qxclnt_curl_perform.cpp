@@ -56,29 +56,6 @@ int QXClientCURL::Get(const std::string& path) {
   return GetWithCache(CACHE_USAGE_NONE, path, WEBSVC_RESPONSE_JSON, 86400);
 }
 
-// The cache of web-service results is not consulted yet: every decision
-// goes to the network.
-int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string& path,
-                               WebSvcResponseType /*type*/, int /*defaultTtl*/) {
-  const char* tag = "QXClientCURL::GetWithCache";
-  std::string url = m_server_url + path;
-  if (decision != CACHE_USAGE_NONE) {
-    QXLOG(QXLOG_PROGRESS, tag) << "Checking cache before/after web-api for path:" << path;
-  }
-  QXLOG(QXLOG_PROGRESS, tag) << "Request not served from cache hence invoking URL: " << url;
-  setCurlOptionLogged(CURLOPT_HTTPGET, 1L, "CURLOPT_HTTPGET");
-  if (m_customRequest) setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, "GET", "CURLOPT_CUSTOMREQUEST");
-  int rc = setUrlForPath(path, "Failed to set url, err = ");
-  if (rc != 0) return rc;
-  return performOperation();
-}
-
-void QXClientCURL::mockCacheTTL(int ttl) {
-  QXLOG(QXLOG_PROGRESS, "QXClientCURL::mockCacheTTL") << "Mocking TTL value to: " << ttl;
-  m_mockTTL = true;
-  m_mockTTLValue = ttl;
-}
-
 int QXClientCURL::Post(const std::string& path, const std::string& payload) {
   const char* tag = "QXClientCURL::Post";
   if (payload.empty()) {

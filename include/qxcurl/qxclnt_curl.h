@@ -43,6 +43,14 @@ enum WebSvcResponseType {
   WEBSVC_RESPONSE_STRING = 1,
 };
 
+// One entry of the cache of web-service results, as listCachedResults shows it.
+struct QXCachedResult {
+  std::string key;        // the request path
+  long long stored = 0;   // seconds since the epoch
+  long long expires = 0;  // seconds since the epoch
+  size_t size = 0;        // bytes kept
+};
+
 // ---- TLS trust and PKI ----
 // How the CA type of a connection is chosen.
 enum caLoadType {
@@ -128,6 +136,12 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int GetWithCache(cache_usage_decision decision, const std::string& path, WebSvcResponseType type,
                    int defaultTtl);
   void mockCacheTTL(int ttl);
+  // True when the last GetWithCache was answered from the cache.
+  bool isServedFromCache() const { return m_servedFromCache; }
+  // The cached results of this client's server and port (expired ones
+  // included), and their removal. 0, or a status.
+  int listCachedResults(std::vector<QXCachedResult>& entries);
+  int clearCachedResults(int* removed);
 
   // ---- options and request headers ----
   int setupURL(const std::string& url) override;
@@ -346,6 +360,10 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   bool m_versionProbe = false;   // the API-version probe never renegotiates itself
   bool m_mockTTL = false;
   int m_mockTTLValue = 0;
+  // Scope of this client's entries in the cache of web-service results
+  // (server and port); made on first use.
+  std::string m_cacheHandle;
+  bool m_servedFromCache = false;
 
   static bool gAppControlledInitCleanup;
 

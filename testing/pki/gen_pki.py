@@ -19,10 +19,14 @@ import shutil
 import subprocess
 import sys
 
+# Written to OUTDIR/complete; a tree of another version is made anew.
+PKI_VERSION = "2\n"
 CRL_URI = "http://127.0.0.1:1/eca.crl"
 HOST_UUID = "6f1c3b52-8e0d-4a57-9c1e-2d4b7a90e513"
 SERVER_NAMES = ("localhost", "127.0.0.1")
-SERVER_SAN = "DNS:localhost, IP:127.0.0.1"
+# Loopback addresses on which tests run a server on the fixed port 1556.
+FIXED_PORT_ADDRESSES = ["127.0.3.%d" % i for i in range(1, 9)]
+SERVER_SAN = "DNS:localhost, IP:127.0.0.1" + "".join(", IP:" + a for a in FIXED_PORT_ADDRESSES)
 WRONG_SAN = "DNS:wrong1.example, DNS:wrong2.example, IP:10.9.8.7"
 
 # One section per signing CA; $dir resolves inside its own section.
@@ -256,7 +260,7 @@ class Builder:
         self.certmap()
         shutil.rmtree(self.work)
         with open(self.path("complete"), "w") as f:
-            f.write("1\n")
+            f.write(PKI_VERSION)
 
     def hashed_crls(self, crls):
         crldir = self.path("eca/crl")
@@ -293,10 +297,30 @@ class Builder:
             f.write("\n")
 
 
+def current(outdir):
+    try:
+        with open(os.path.join(outdir, "complete")) as f:
+            return f.read() == PKI_VERSION
+    except OSError:
+        return False
+
+
+def retire(outdir):
+    """Moves a complete tree of an older version out of the way."""
+    if os.path.exists(os.path.join(outdir, "complete")) and not current(outdir):
+        old = "%s.old-%d" % (outdir, os.getpid())
+        try:
+            os.rename(outdir, old)
+        except OSError:
+            return  # another process moved it first
+        shutil.rmtree(old, ignore_errors=True)
+
+
 def generate(outdir):
     outdir = os.path.abspath(outdir.rstrip("/") or "/")
-    if os.path.exists(os.path.join(outdir, "complete")):
+    if current(outdir):
         return 0
+    retire(outdir)
     parent = os.path.dirname(outdir)
     os.makedirs(parent, exist_ok=True)
     tmp = "%s.tmp-%d" % (outdir, os.getpid())
@@ -311,8 +335,11 @@ def generate(outdir):
             except OSError as e:
                 if e.errno not in (errno.EEXIST, errno.ENOTEMPTY):
                     raise
-            if os.path.exists(os.path.join(outdir, "complete")):
+            if current(outdir):
                 return 0  # another process won the race
+            retire(outdir)
+            if not os.path.exists(outdir):
+                continue
             # Only complete trees are ever renamed into place, so an
             # incomplete OUTDIR was not made by us; replace it only if empty.
             try:

@@ -33,6 +33,7 @@ const char* const kUsage =
     "       qxcurl token  --server S [--port N] [--cert-type N] [--new] [--show] [--clear]\n"
     "       qxcurl tunnels --server S [--tunnel NAME]... [--reset]\n"
     "       qxcurl route  --server S [--port N] [--timeout S]   (how PREFERRED_NETWORK routes)\n"
+    "       qxcurl cache  --server S [--port N] [--list | --clear]\n"
     "  METHOD  GET, POST, PUT, PATCH, DELETE or UPLOAD (multipart POST of --file)\n"
     "  PATH    web-service path, e.g. arvion/ping\n"
     "options of every command:\n"
@@ -67,9 +68,14 @@ const char* const kUsage =
     "  --retry-window S         connection-retry window, seconds (0: no retries)\n"
     "  --api-version V          send media type version V\n"
     "  --include                print the response headers before the body (and the\n"
-    "                           tunnel that carried the request, if one did)\n"
+    "                           tunnel that carried the request, if one did; \"served\n"
+    "                           from cache\" for an answer from the cache)\n"
     "  --tunnel NAME            also try the HTTP tunnel NAME:1556 (repeatable)\n"
     "  --no-tunnel              never use a tunnel for this request\n"
+    "  --cache 0..4             GET: 0 no cache, 1 cache, 2 always ask and cache,\n"
+    "                           3 and 4 as 1 and 2 with the body in the secure store\n"
+    "  --ttl S                  GET: seconds to cache when the server names none\n"
+    "                           (default 86400)\n"
     "options of login:\n"
     "  --user NAME --domain-type T [--domain-name D (default: the server)]\n"
     "  --password-file FILE     password on its first line (else prompted, or read from\n"
@@ -84,6 +90,9 @@ const char* const kUsage =
     "  --reset                  forget them instead\n"
     "  --tunnel NAME            as for requests: lets the cache live in /tmp when the\n"
     "                           install directory cannot be written\n"
+    "options of cache:\n"
+    "  --list                   list the cached results of the server (the default)\n"
+    "  --clear                  remove them\n"
     "exit status: 0 success (HTTP 2xx), 1 HTTP error, 2 usage error, 3 library status\n";
 
 // Options every command takes; the others belong to one command.
@@ -93,6 +102,8 @@ const char* const kLoginOptions[] = {"--user", "--domain-type", "--domain-name",
                                      "--api-key"};
 const char* const kTokenOptions[] = {"--new", "--show", "--clear"};
 const char* const kTunnelsOptions[] = {"--reset", "--tunnel"};
+const char* const kCacheOptions[] = {"--list", "--clear"};
+const char* const kCachedGetOptions[] = {"--cache", "--ttl"};
 
 // TEXT, or the contents of FILE for "@FILE".
 std::string valueOrFile(const std::string& arg, const char* option) {
@@ -137,14 +148,14 @@ bool listed(const char* const (&names)[N], const std::string& name) {
 
 // Refuses an option that the chosen command does not take.
 void checkOptionsBelong(const Options& o) {
-  static const char* const kCommandNames[] = {"METHOD PATH", "login",   "logout",
-                                              "token",       "tunnels", "route"};
+  static const char* const kCommandNames[] = {"METHOD PATH", "login", "logout", "token",
+                                              "tunnels",     "route", "cache"};
   for (const std::string& name : o.seen) {
     bool ok = listed(kCommonOptions, name);
     switch (o.command) {
       case CMD_REQUEST:
-        ok = ok ||
-             !(listed(kLoginOptions, name) || listed(kTokenOptions, name) || name == "--reset");
+        ok = ok || !(listed(kLoginOptions, name) || listed(kTokenOptions, name) ||
+                     listed(kCacheOptions, name) || name == "--reset");
         break;
       case CMD_LOGIN:
         ok = ok || listed(kLoginOptions, name);
@@ -154,6 +165,9 @@ void checkOptionsBelong(const Options& o) {
         break;
       case CMD_TUNNELS:
         ok = ok || listed(kTunnelsOptions, name);
+        break;
+      case CMD_CACHE:
+        ok = ok || listed(kCacheOptions, name);
         break;
       case CMD_LOGOUT:
       case CMD_ROUTE:
@@ -175,6 +189,11 @@ void checkRequest(Options& o, const std::vector<std::string>& positional) {
     throw UsageError(o.method + " needs --data");
   }
   if (o.method == "UPLOAD" && o.file.empty()) throw UsageError("UPLOAD needs --file");
+  for (const std::string& name : o.seen) {
+    if (listed(kCachedGetOptions, name) && o.method != "GET") {
+      throw UsageError(name + " applies to GET only");
+    }
+  }
   if (o.remoteName.empty() && !o.file.empty()) {
     size_t slash = o.file.rfind('/');
     o.remoteName = slash == std::string::npos ? o.file : o.file.substr(slash + 1);
@@ -206,6 +225,7 @@ Options parseArgs(int argc, char** argv) {
     if (word == "token") o.command = CMD_TOKEN;
     if (word == "tunnels") o.command = CMD_TUNNELS;
     if (word == "route") o.command = CMD_ROUTE;
+    if (word == "cache") o.command = CMD_CACHE;
     if (o.command != CMD_REQUEST) first = 2;
   }
   for (int i = first; i < argc; ++i) {
@@ -301,12 +321,22 @@ Options parseArgs(int argc, char** argv) {
       o.showToken = true;
     } else if (a == "--clear") {
       o.clearToken = true;
+      o.clearCache = true;
     } else if (a == "--tunnel") {
       o.tunnels.push_back(next());
     } else if (a == "--no-tunnel") {
       o.noTunnel = true;
     } else if (a == "--reset") {
       o.resetTunnels = true;
+    } else if (a == "--list") {
+      o.listCache = true;
+    } else if (a == "--cache") {
+      std::string v = next();
+      if (v.size() != 1 || v[0] < '0' || v[0] > '4') throw UsageError("--cache is 0 to 4");
+      o.cache = v[0] - '0';
+    } else if (a == "--ttl") {
+      o.ttl = toInt(next(), "--ttl");
+      if (o.ttl < 1) throw UsageError("--ttl must be 1 or more");
     } else if (a.size() > 1 && a[0] == '-') {
       throw UsageError("unknown option " + a);
     } else {
@@ -413,7 +443,10 @@ int runRequest(const Options& o) {
   }
 
   int status;
-  if (o.method == "GET") {
+  if (o.method == "GET" && o.cache >= 0) {
+    status = c.GetWithCache(static_cast<cache_usage_decision>(o.cache), o.path,
+                            WEBSVC_RESPONSE_JSON, o.ttl);
+  } else if (o.method == "GET") {
     status = c.Get(o.path);
   } else if (o.method == "POST") {
     status = c.Post(o.path, o.data);
@@ -428,7 +461,9 @@ int runRequest(const Options& o) {
   }
 
   reportTunnel(o, c);
-  if (o.include) {
+  if (o.include && c.isServedFromCache()) {
+    std::fputs("served from cache\r\n\r\n", stdout);
+  } else if (o.include) {
     std::fwrite(c.getResponseHeaders().data(), 1, c.getResponseHeaders().size(), stdout);
   }
   const std::string& body = c.getResponseBody();
@@ -513,6 +548,8 @@ int main(int argc, char** argv) {
         return runTunnels(o);
       case CMD_ROUTE:
         return runRoute(o);
+      case CMD_CACHE:
+        return runCache(o);
       case CMD_REQUEST:
         break;
     }

@@ -12,7 +12,7 @@ namespace qxtool {
 
 enum ExitCode { EXIT_OK = 0, EXIT_HTTP = 1, EXIT_USAGE = 2, EXIT_STATUS = 3 };
 
-enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN, CMD_TUNNELS, CMD_ROUTE };
+enum Command { CMD_REQUEST, CMD_LOGIN, CMD_LOGOUT, CMD_TOKEN, CMD_TUNNELS, CMD_ROUTE, CMD_CACHE };
 
 struct Options {
   Command command = CMD_REQUEST;
@@ -41,6 +41,8 @@ struct Options {
   long connectTimeout = -1, retryWindow = -1;
   std::string apiVersion;
   bool include = false;
+  int cache = -1;   // GET: cache decision 0..4; -1: no cache
+  int ttl = 86400;  // GET: time to live when the server names none
   std::string crl;
   int crlLevel = -1;  // -1: as configured
   bool allowFailedCrl = false;
@@ -60,6 +62,9 @@ struct Options {
   std::vector<std::string> tunnels;  // --tunnel, in order
   bool noTunnel = false;
   bool resetTunnels = false;
+  // cache
+  bool listCache = false;
+  bool clearCache = false;
 };
 
 class UsageError {
@@ -104,6 +109,7 @@ int runLogin(const Options& o);
 int runLogout(const Options& o);
 int runToken(const Options& o);
 int runRoute(const Options& o);
+int runCache(const Options& o);
 
 }  // namespace qxtool
 #endif
