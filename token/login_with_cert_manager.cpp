@@ -92,6 +92,8 @@ void LoginWithCertManager::setJWTFilePaths(const std::string& serverName, cert_t
 
 void LoginWithCertManager::T_setTsleep(int seconds) { m_tsleep = seconds; }
 
+std::string LoginWithCertManager::refreshLockPath() const { return m_lockFilePath + ".refresh"; }
+
 void LoginWithCertManager::updateJWTFailInfo(jwtToken& token) {
   token.tokenLastFailTimeSec = timeNow();
 }
@@ -101,6 +103,7 @@ int LoginWithCertManager::getToken(const std::string& server, std::string& token
   static const char* tag = "LoginWithCertManager::getToken";
   return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     jwtToken record;
+    const int64_t asked = timeNow();
     if (!forceNew && getLocalToken(record) == 0) {
       int decision = isJWTRefreshRequired(record, server);
       if (decision == QX_JWT_REFRESH_AVOID) {
@@ -110,6 +113,27 @@ int LoginWithCertManager::getToken(const std::string& server, std::string& token
       if (decision != QX_JWT_REFRESH_NOW) {
         token = record.token;
         return 0;
+      }
+    }
+    // One login per refresh for the whole host: the first process (or
+    // thread) to want a new token logs in under this lock; the others wait
+    // and take its token. A holder that keeps the lock past the wait limit
+    // (a slow login) is not waited for any longer: we log in ourselves.
+    QXTFLock refreshLock;
+    int lockStatus = 0;
+    QXTFLockHelper refreshGuard(&refreshLock, refreshLockPath().c_str(), kWriteMode, &lockStatus);
+    // A forced refresh takes only a token issued after it was asked for: the
+    // cached one is the token the server has just refused.
+    if (lockStatus == 0 && getLocalToken(record) == 0 &&
+        (!forceNew || record.tokenIssueTimeSec > asked)) {
+      int decision = isJWTRefreshRequired(record, server);
+      if (decision == QX_JWT_CACHED_GOOD) {
+        token = record.token;
+        return 0;
+      }
+      if (decision == QX_JWT_REFRESH_AVOID && !forceNew) {
+        QXLOG(QXLOG_ERROR, tag) << "Avoiding token refresh: " << QX_ERR_TOKEN;
+        return QX_ERR_TOKEN;
       }
     }
     int rc = getNewToken(server, record, certNames);
