@@ -96,6 +96,9 @@ int QXClientCURL::mapCurlError() {
     case CURLE_SSL_CACERT_BADFILE:
       status = 8508;
       break;
+    case CURLE_FILESIZE_EXCEEDED:  // the response body cap (setCurlCallbackForHeaderAndData)
+      status = QX_ERR_RESPONSE_TOO_LARGE;
+      break;
     case CURLE_PEER_FAILED_VERIFICATION: {
       long result = 0;
       if (!getSSLVerifyResult(&result)) result = 0;
