@@ -55,8 +55,8 @@ class QX_API QXTFLock {
 
  private:
   // Unused since handles are per thread; kept so the object keeps its size.
-  int m_handle;
-  int m_reserved;
+  [[maybe_unused]] int m_handle;
+  [[maybe_unused]] int m_reserved;
 };
 
 // Holds a QXTFLock for one scope; *status receives the result of taking it
