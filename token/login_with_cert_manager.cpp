@@ -104,7 +104,8 @@ int LoginWithCertManager::getToken(const std::string& server, std::string& token
   return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     jwtToken record;
     const int64_t asked = timeNow();
-    if (!forceNew && getLocalToken(record) == 0) {
+    const int readStatus = forceNew ? 0 : getLocalToken(record);
+    if (!forceNew && readStatus == 0) {
       int decision = isJWTRefreshRequired(record, server);
       if (decision == QX_JWT_REFRESH_AVOID) {
         QXLOG(QXLOG_ERROR, tag) << "Avoiding token refresh: " << QX_ERR_TOKEN;
@@ -123,8 +124,9 @@ int LoginWithCertManager::getToken(const std::string& server, std::string& token
     int lockStatus = 0;
     QXTFLockHelper refreshGuard(&refreshLock, refreshLockPath().c_str(), kWriteMode, &lockStatus);
     // A forced refresh takes only a token issued after it was asked for: the
-    // cached one is the token the server has just refused.
-    if (lockStatus == 0 && getLocalToken(record) == 0 &&
+    // cached one is the token the server has just refused. A cache whose lock
+    // just timed out is not waited for a second time.
+    if (lockStatus == 0 && readStatus != QX_ERR_LOCK && getLocalToken(record) == 0 &&
         (!forceNew || record.tokenIssueTimeSec > asked)) {
       int decision = isJWTRefreshRequired(record, server);
       if (decision == QX_JWT_CACHED_GOOD) {
