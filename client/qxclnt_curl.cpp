@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <mutex>
 #include <sstream>
 
 #include "client/qxclnt_curl_option.h"
@@ -24,7 +25,15 @@ bool QXClientCURL::gAppControlledInitCleanup = false;
 namespace {
 constexpr long DEFAULT_OPERATION_TIMEOUT = 300;
 constexpr long CONNECTOR_TIMEOUT = 300;
+// A response body the client keeps in memory stops here (libcurl ends the
+// transfer, mapCurlError reports QX_ERR_RESPONSE_TOO_LARGE); a caller with
+// its own write callback streams and has no cap.
+constexpr curl_off_t MAX_BUFFERED_RESPONSE = curl_off_t{64} << 20;
 const char* const PRIV_KEY_SUFFIX = "/var/qbss/credentials/keystore/PrivKeyFile.pem";
+
+// Guards the process-wide libcurl set-up: clients may be built on several
+// threads at once.
+std::mutex g_globalInitMutex;
 
 CURLcode (*g_easyPerformer)(CURL*) = nullptr;
 unsigned (*g_sleeper)(unsigned) = nullptr;
@@ -232,6 +241,10 @@ void QXClientCURL::applyHandleDefaults() {
                       QXLOG_DETAIL);
   setCurlOptionLogged(CURLOPT_HEADER, 0L, "CURLOPT_HEADER", QXLOG_DETAIL);
   setCurlOptionLogged(CURLOPT_FOLLOWLOCATION, 1L, "CURLOPT_FOLLOWLOCATION", QXLOG_DETAIL);
+  // A redirect may not leave TLS: the request (a login's password, a token
+  // for the same host) would follow it in the clear.
+  setCurlOptionLogged(CURLOPT_REDIR_PROTOCOLS_STR, "https", "CURLOPT_REDIR_PROTOCOLS_STR",
+                      QXLOG_DETAIL);
   setCurlCallbackForHeaderAndData();
   applyDefaultHeaders();
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL")
@@ -279,6 +292,7 @@ int QXClientCURL::setCurlOptionLogged(CURLoption option, void* value, const char
 // ---- process-wide set-up ----
 
 void QXClientCURL::initGlobalCurl() {
+  std::lock_guard<std::mutex> guard(g_globalInitMutex);
   if (gAppControlledInitCleanup) return;
   CURLcode rc = curl_global_init(CURL_GLOBAL_ALL);
   if (rc != CURLE_OK) {
@@ -291,6 +305,7 @@ void QXClientCURL::initGlobalCurl() {
 }
 
 void QXClientCURL::cleanupGlobalCurl() {
+  std::lock_guard<std::mutex> guard(g_globalInitMutex);
   curl_global_cleanup();
   gAppControlledInitCleanup = false;
 }
@@ -474,6 +489,8 @@ int QXClientCURL::setCurlCallbackForHeaderAndData() {
                                 "CURLOPT_HEADERFUNCTION", QXLOG_DETAIL);
   int rc4 = setCurlOptionLogged(CURLOPT_HEADERDATA, static_cast<void*>(&m_responseHeaders),
                                 "CURLOPT_HEADERDATA", QXLOG_DETAIL);
+  setCurlOptionLogged(CURLOPT_MAXFILESIZE_LARGE, MAX_BUFFERED_RESPONSE, "CURLOPT_MAXFILESIZE_LARGE",
+                      QXLOG_DETAIL);
   return rc ? rc : rc2 ? rc2 : rc3 ? rc3 : rc4;
 }
 
@@ -481,6 +498,9 @@ int QXClientCURL::setWriteDataFunction(curl_write_callback callback, void* userD
   int rc = setCurlOptionLogged(CURLOPT_WRITEFUNCTION, reinterpret_cast<void*>(callback),
                                "CURLOPT_WRITEFUNCTION");
   if (rc != 0) return rc;
+  // The caller streams the body itself: no cap.
+  setCurlOptionLogged(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(0),
+                      "CURLOPT_MAXFILESIZE_LARGE");
   return setCurlOptionLogged(CURLOPT_WRITEDATA, userData, "CURLOPT_WRITEDATA");
 }
 

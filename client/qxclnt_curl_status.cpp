@@ -129,6 +129,9 @@ int QXClientCURL::mapCurlError() {
     case CURLE_SSL_CACERT_BADFILE:
       status = QX_ERR_TRUST_STORE;
       break;
+    case CURLE_FILESIZE_EXCEEDED:  // the response body cap (setCurlCallbackForHeaderAndData)
+      status = QX_ERR_RESPONSE_TOO_LARGE;
+      break;
     case CURLE_PEER_FAILED_VERIFICATION: {
       long result = 0;
       if (!getSSLVerifyResult(&result)) result = 0;

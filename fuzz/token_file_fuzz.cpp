@@ -14,9 +14,12 @@ namespace {
 std::string scratchDir() {
   static std::string dir;
   if (dir.empty()) {
-    char tmpl[] = "/tmp/qxtokenfuzz-XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) abort();
-    dir = tmpl;
+    // tmpfs when there is one: every save is flushed to its device.
+    char shm[] = "/dev/shm/qxtokenfuzz-XXXXXX";
+    char tmp[] = "/tmp/qxtokenfuzz-XXXXXX";
+    char* made = mkdtemp(shm) != nullptr ? shm : mkdtemp(tmp);
+    if (made == nullptr) abort();
+    dir = made;
   }
   return dir;
 }

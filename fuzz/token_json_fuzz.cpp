@@ -6,6 +6,7 @@
 #include <string>
 
 #include "json_token_manager.h"
+#include "login_with_user_token_manager.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string json(reinterpret_cast<const char*>(data), size);
@@ -22,6 +23,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (extractUserDetailsFromJson(out, t1, t2, t3, t4, t5, e) != 0 || t5 != s5 || e != expireAt) {
       abort();
     }
+  }
+  // The API-key entries of ARVION_APIKEY and the appliance script's answer.
+  const std::string key = LoginWithUserTokenManager::extractApikey(json, "master.example");
+  if (key.size() > json.size()) abort();
+  if (!json.empty() &&
+      LoginWithUserTokenManager::validateCmdOutput(json, json[0], json.back(), out) == 0 &&
+      (out.empty() || out.size() + 2 > json.size())) {
+    abort();
   }
   return 0;
 }

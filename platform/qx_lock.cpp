@@ -1,16 +1,27 @@
 #include "qx_lock.h"
 
 #include <fcntl.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
+#include "qx_log.h"
 #include "qx_safefile.h"
 
 namespace {
 
+std::atomic<int> g_waitLimitMs{QXLOCK_WAIT_LIMIT_MS};
+
 void setErr(int* err, int value) {
   if (err != nullptr) *err = value;
+}
+
+long long monotonicMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
 // Whole-file lock on fd. Falls back to process-owned record locks on kernels
@@ -34,11 +45,37 @@ int lockFd(int fd, short type, bool wait) {
   }
 }
 
+// Takes the lock, waiting at most the wait limit: polls without blocking,
+// 1 ms at first and doubling to 32 ms, since a blocking fcntl wait cannot
+// be given a deadline. -1 with errno ETIMEDOUT when the limit passes.
+int lockFdBounded(int fd, short type) {
+  const long long deadline = monotonicMs() + g_waitLimitMs.load();
+  long pauseUs = 1000;
+  for (;;) {
+    if (lockFd(fd, type, false) == 0) return 0;
+    if (errno != EAGAIN && errno != EACCES) return -1;
+    long long left = deadline - monotonicMs();
+    if (left <= 0) {
+      errno = ETIMEDOUT;
+      return -1;
+    }
+    long us = pauseUs < left * 1000 ? pauseUs : static_cast<long>(left * 1000);
+    struct timespec ts = {us / 1000000, (us % 1000000) * 1000};
+    nanosleep(&ts, nullptr);
+    if (pauseUs < 32000) pauseUs *= 2;
+  }
+}
+
 // Lock files live in directories others can write: no link is followed and
 // a file that is not our own is replaced rather than locked.
 int openLockFile(const char* path, bool readOnlyOk, int* err) {
   int e = 0;
-  int fd = qxOpenLockFile(path, readOnlyOk, &e, "ManageLockFile");
+  bool replaced = false;
+  int fd = qxOpenLockFile(path, readOnlyOk, &e, &replaced);
+  if (replaced) {
+    QXLOG(QXLOG_ERROR, "ManageLockFile")
+        << "Lock file [" << path << "] was a link or not a private file of ours; replaced";
+  }
   if (fd < 0) setErr(err, e);
   return fd;
 }
@@ -81,7 +118,7 @@ int wait_lock(const char* path, int mode, int* err) {
   }
   int fd = openLockFile(path, mode == 0, err);
   if (fd < 0) return -1;
-  if (lockFd(fd, mode == 0 ? F_RDLCK : F_WRLCK, true) != 0) {
+  if (lockFdBounded(fd, mode == 0 ? F_RDLCK : F_WRLCK) != 0) {
     int e = errno;
     close(fd);
     setErr(err, e);
@@ -92,3 +129,7 @@ int wait_lock(const char* path, int mode, int* err) {
 }
 
 int wait_unlock(int handle, int* err) { return release(handle, err); }
+
+void T_setLockWaitLimit(int milliseconds) {
+  g_waitLimitMs = milliseconds > 0 ? milliseconds : QXLOCK_WAIT_LIMIT_MS;
+}

@@ -23,12 +23,20 @@ constexpr int QXLOCK_ERR_HELD = -3;  // another process holds the lock
 // err may be null.
 int ManageLockFile(const char* path, int operation, int handle, int* err);
 
-// Blocks until a shared (mode 0, reading) or exclusive (mode 1, writing) lock
+// Waits until a shared (mode 0, reading) or exclusive (mode 1, writing) lock
 // on the file at path is held (the file is created 0600 when missing; opened
 // read-only when it exists but cannot be written and mode is 0). Returns the
 // handle and *err 0, or -1 with *err an errno value (EINVAL for a null path or
-// another mode). Interrupted waits are resumed.
+// another mode, ETIMEDOUT when the lock was not granted within the wait
+// limit). Interrupted waits are resumed.
 int wait_lock(const char* path, int mode, int* err);
+
+// Longest wait_lock waits, in milliseconds. These locks guard one file read
+// or write; a holder that keeps one longer is stopped or hung, and must not
+// hang every other process of the host with it.
+constexpr int QXLOCK_WAIT_LIMIT_MS = 30000;
+// Test seam: another limit (0 or less restores the default).
+void T_setLockWaitLimit(int milliseconds);
 // Releases and closes a handle from wait_lock. 0, or -1 with *err set.
 int wait_unlock(int handle, int* err);
 #endif

@@ -14,6 +14,7 @@
 #include <memory>
 #include <mutex>
 
+#include "qx_safefile.h"
 #include "qx_util.h"
 
 namespace {
@@ -58,7 +59,16 @@ void setDestination(const std::string& name) {
   g_destFd = -1;
   g_destName = name;
   if (!name.empty() && name != "stderr") {
-    g_destFd = open(name.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
+    // The file may sit in a directory others write ("/tmp"): never through
+    // a link, only a file of our own, and a new one created exclusively.
+    // Anything else is not logged to.
+    QXFileTrust trust;
+    g_destFd = qxOpenTrusted(name, O_WRONLY | O_APPEND, &trust);
+    if (g_destFd < 0 && trust == QX_FILE_ABSENT) {
+      g_destFd = qxCreateExclusive(name, O_WRONLY | O_APPEND, 0600);
+      if (g_destFd < 0 && errno == EEXIST)
+        g_destFd = qxOpenTrusted(name, O_WRONLY | O_APPEND, nullptr);
+    }
   }
 }
 

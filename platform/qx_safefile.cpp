@@ -8,8 +8,6 @@
 #include <cstring>
 #include <vector>
 
-#include "qx_log.h"
-
 const char* qxFileTrustText(QXFileTrust trust) {
   switch (trust) {
     case QX_FILE_OK:
@@ -132,7 +130,8 @@ int qxCreateExclusive(const std::string& path, int flags, mode_t mode) {
   return fd;
 }
 
-int qxOpenLockFile(const std::string& path, bool readOnlyOk, int* err, const char* tag) {
+int qxOpenLockFile(const std::string& path, bool readOnlyOk, int* err, bool* replaced) {
+  if (replaced != nullptr) *replaced = false;
   auto fail = [err](int e) {
     if (err != nullptr) *err = e;
     return -1;
@@ -145,8 +144,7 @@ int qxOpenLockFile(const std::string& path, bool readOnlyOk, int* err, const cha
     if (fd >= 0) return fd;
     if (trust == QX_FILE_IO_ERROR) return fail(errno);
     if (trust == QX_FILE_UNTRUSTED) {
-      QXLOG(QXLOG_ERROR, tag != nullptr ? tag : "qxOpenLockFile")
-          << "Lock file [" << path << "] is " << qxFileTrustText(trust) << "; replacing it";
+      if (replaced != nullptr) *replaced = true;
       if (unlink(path.c_str()) != 0 && errno != ENOENT) return fail(errno);
     }
     fd = qxCreateExclusive(path, O_RDWR, 0600);

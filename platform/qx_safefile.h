@@ -54,10 +54,11 @@ int qxReplaceFile(const std::string& path, const std::string& data, mode_t mode 
 int qxCreateExclusive(const std::string& path, int flags, mode_t mode = 0600);
 
 // A lock file: opened when present and trusted, created exclusively when
-// absent. An untrusted file or a link at path is logged under tag, removed
-// and created anew. readOnlyOk lets a shared locker open a trusted file it
-// cannot write. Returns the descriptor, or -1 with *err an errno value.
-int qxOpenLockFile(const std::string& path, bool readOnlyOk, int* err, const char* tag);
+// absent. An untrusted file or a link at path is removed and created anew
+// (*replaced, when given, says so: the caller logs it). readOnlyOk lets a
+// shared locker open a trusted file it cannot write. Returns the descriptor,
+// or -1 with *err an errno value.
+int qxOpenLockFile(const std::string& path, bool readOnlyOk, int* err, bool* replaced = nullptr);
 
 // Writes all of data to fd (EINTR resumed). False on any short write.
 bool qxWriteAll(int fd, const std::string& data);

@@ -91,6 +91,18 @@ TEST_F(LogTest, ConfigurationKeysApplyWhenEnvironmentIsSilent) {
   EXPECT_EQ(2u, readLines(m_root.path("conf.log")).size());
 }
 
+// A log file in "/tmp" that another account replaced by a link: root must not
+// append to whatever the link names.
+TEST_F(LogTest, LinkedDestinationIsNotWrittenThrough) {
+  const std::string victim = m_root.path("victim"), file = m_root.path("linked.log");
+  ASSERT_TRUE(qxWriteFile(victim, "precious\n"));
+  ASSERT_EQ(0, symlink(victim.c_str(), file.c_str()));
+  setenv("QXCURL_LOG", file.c_str(), 1);
+  qxLogReconfigure();
+  QXLOG(QXLOG_ERROR, "T") << "not here";
+  EXPECT_EQ("precious\n", qxReadFile(victim));
+}
+
 TEST_F(LogTest, ConcurrentWritersKeepLinesWhole) {
   std::string file = m_root.path("threads.log");
   setenv("QXCURL_LOG", file.c_str(), 1);

@@ -94,6 +94,8 @@ void LoginWithCertManager::setJWTFilePaths(const std::string& serverName, cert_t
 
 void LoginWithCertManager::T_setTsleep(int seconds) { m_tsleep = seconds; }
 
+std::string LoginWithCertManager::refreshLockPath() const { return m_lockFilePath + ".refresh"; }
+
 void LoginWithCertManager::updateJWTFailInfo(jwtToken& token) {
   token.tokenLastFailTimeSec = timeNow();
 }
@@ -103,7 +105,9 @@ int LoginWithCertManager::getToken(const std::string& server, std::string& token
   static const char* tag = "LoginWithCertManager::getToken";
   return qxGuardStatus(tag, QX_ERR_TOKEN, [&]() -> int {
     jwtToken record;
-    if (!forceNew && getLocalToken(record) == 0) {
+    const int64_t asked = timeNow();
+    const int readStatus = forceNew ? 0 : getLocalToken(record);
+    if (!forceNew && readStatus == 0) {
       int decision = isJWTRefreshRequired(record, server);
       if (decision == QX_JWT_REFRESH_AVOID) {
         QXLOG(QXLOG_ERROR, tag) << "Avoiding token refresh: " << QX_ERR_TOKEN;
@@ -112,6 +116,28 @@ int LoginWithCertManager::getToken(const std::string& server, std::string& token
       if (decision != QX_JWT_REFRESH_NOW) {
         token = record.token;
         return 0;
+      }
+    }
+    // One login per refresh for the whole host: the first process (or
+    // thread) to want a new token logs in under this lock; the others wait
+    // and take its token. A holder that keeps the lock past the wait limit
+    // (a slow login) is not waited for any longer: we log in ourselves.
+    QXTFLock refreshLock;
+    int lockStatus = 0;
+    QXTFLockHelper refreshGuard(&refreshLock, refreshLockPath().c_str(), kWriteMode, &lockStatus);
+    // A forced refresh takes only a token issued after it was asked for: the
+    // cached one is the token the server has just refused. A cache whose lock
+    // just timed out is not waited for a second time.
+    if (lockStatus == 0 && readStatus != QX_ERR_LOCK && getLocalToken(record) == 0 &&
+        (!forceNew || record.tokenIssueTimeSec > asked)) {
+      int decision = isJWTRefreshRequired(record, server);
+      if (decision == QX_JWT_CACHED_GOOD) {
+        token = record.token;
+        return 0;
+      }
+      if (decision == QX_JWT_REFRESH_AVOID && !forceNew) {
+        QXLOG(QXLOG_ERROR, tag) << "Avoiding token refresh: " << QX_ERR_TOKEN;
+        return QX_ERR_TOKEN;
       }
     }
     int rc = getNewToken(server, record, certNames);

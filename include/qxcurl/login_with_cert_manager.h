@@ -70,6 +70,9 @@ class QX_API LoginWithCertManager : public TokenManager_Base {
 
  private:
   void readTokenFile(jwtToken& token);
+  // Held (exclusive) around a login and the save of its token, so that
+  // processes that find the token due at once log in only once.
+  std::string refreshLockPath() const;
 
   std::string m_lockFilePath;
   std::string m_tokenFilePath;

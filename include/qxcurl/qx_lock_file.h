@@ -34,7 +34,14 @@ class QX_API QXLockFile {
 };
 
 // Shared (mode 0) or exclusive (mode 1) lock on a file, waiting until it is
-// granted. Does not release in its destructor: JWTLock lives for the process.
+// granted (a bounded wait: 158 when a holder keeps it too long). Does not
+// release in its destructor: JWTLock lives for the process.
+//
+// One object may be used by many threads at once: each thread holds its own
+// handle (two readers of JWTLock hold two shared locks), so lock(), unlock()
+// and isLocked() concern the calling thread only. A thread that calls lock()
+// while holding the object releases its earlier lock first. Handles a thread
+// still holds when it ends are released then.
 class QX_API QXTFLock {
  public:
   QXTFLock();
@@ -43,11 +50,13 @@ class QX_API QXTFLock {
   // could not be taken.
   int lock(const char* path, int mode);
   void unlock();
-  bool isLocked() const { return m_handle != -1; }
+  // Whether the calling thread holds the lock.
+  bool isLocked() const;
 
  private:
-  int m_handle;
-  int m_reserved;
+  // Unused since handles are per thread; kept so the object keeps its size.
+  [[maybe_unused]] int m_handle;
+  [[maybe_unused]] int m_reserved;
 };
 
 // Holds a QXTFLock for one scope; *status receives the result of taking it

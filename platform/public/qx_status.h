@@ -64,6 +64,7 @@
   X(QX_ERR_NO_CERT_INFO, 8510, "server certificate information is missing")                 \
   X(QX_ERR_CLIENT_CERT, 8511, "problem with the local client certificate")                  \
   X(QX_ERR_CERT_EXAMINE, 8512, "server certificate could not be examined")                  \
+  X(QX_ERR_RESPONSE_TOO_LARGE, 8513, "response from the server exceeds the size limit")     \
   X(QX_ERR_SERVICE_UNAVAILABLE, 8625, "web service is unavailable")                         \
   X(QX_ERR_PASSPHRASE_EMPTY, 8762, "passphrase is empty")                                   \
   X(QX_ERR_KEY_NOT_FIPS, 8787, "private key cannot be used in FIPS mode")                   \

@@ -25,6 +25,7 @@ import signal
 import socket
 import socketserver
 import ssl
+import struct
 import sys
 import tempfile
 import threading
@@ -62,7 +63,27 @@ IDLE_TIMEOUT = 30.0
 TUNNEL_IDLE_TIMEOUT = 300.0
 
 CERT_MODES = ("normal", "wrongname", "expired", "revoked")
-FAULT_KINDS = ("503", "502", "delay", "drop", "notjson", "status", "close")
+FAULT_KINDS = (
+    "503",
+    "502",
+    "delay",
+    "drop",
+    "notjson",
+    "status",
+    "close",
+    "reset",
+    "reset-body",
+    "stall-body",
+    "raw",
+    "big-headers",
+    "big-body",
+    "alert",
+)
+# Fault paths that are not request paths: the proxy request and the TLS
+# handshake of a new connection. "*" matches neither.
+SPECIAL_FAULT_PATHS = ("CONNECT", "TLS")
+# A fatal TLS alert record: handshake_failure (40).
+TLS_ALERT_HANDSHAKE_FAILURE = b"\x15\x03\x03\x00\x02\x02\x28"
 VENDOR_TYPES = ("application/vnd.arvion+json", "application/vnd.arvion+octet-stream")
 PLAIN_ACCEPTABLE = (
     "*/*",
@@ -322,32 +343,44 @@ class State:
             count = item.get("count", 1)
             seconds = item.get("seconds", 0)
             status = item.get("status", 500)
+            size = item.get("size", 0)
+            headers = item.get("headers", {})
             if not isinstance(path, str) or not isinstance(count, int) or isinstance(count, bool):
                 raise ConfigError("fault needs a string path and an integer count")
+            if not isinstance(size, int) or isinstance(size, bool) or not 0 <= size <= 1 << 34:
+                raise ConfigError("fault size must be an integer from 0 to 2^34")
+            if not isinstance(headers, dict) or not all(
+                isinstance(k, str) and isinstance(v, str) for k, v in headers.items()
+            ):
+                raise ConfigError("fault headers must be an object of strings")
             if not isinstance(seconds, (int, float)) or seconds < 0 or seconds > 3600:
                 raise ConfigError("fault seconds must be a number from 0 to 3600")
             if not isinstance(status, int) or not 100 <= status <= 599:
                 raise ConfigError("fault status must be an integer from 100 to 599")
             parsed.append(
                 {
-                    "path": path if path in ("*", "CONNECT") else path.lstrip("/"),
+                    "path": path if path in ("*",) + SPECIAL_FAULT_PATHS else path.lstrip("/"),
                     "kind": kind,
                     "count": count,
                     "seconds": seconds,
                     "status": status,
                     "body": item.get("body"),
+                    "size": size,
+                    "headers": headers,
+                    "chunked": bool(item.get("chunked", False)),
+                    "lineSize": max(16, int(item.get("lineSize", 1000) or 1000)),
                 }
             )
         with self.lock:
             self.faults.extend(parsed)
 
     def take_fault(self, path):
-        """The first armed fault for path ("*" matches any path but CONNECT)."""
+        """The first armed fault for path ("*" matches any request path)."""
         with self.lock:
             for fault in self.faults:
                 if fault["count"] == 0:
                     continue
-                if fault["path"] == path or (fault["path"] == "*" and path != "CONNECT"):
+                if fault["path"] == path or (fault["path"] == "*" and path not in SPECIAL_FAULT_PATHS):
                     if fault["count"] > 0:
                         fault["count"] -= 1
                     return dict(fault)
@@ -752,19 +785,63 @@ class Connection:
             body = fault["body"]
             if body is None:
                 body = error_body(ERR_BAD_REQUEST, "Scripted status %d." % fault["status"])
-            return Response(fault["status"], body)
+            return Response(fault["status"], body, headers=list(fault["headers"].items()))
         if kind == "notjson":
             body = fault["body"] if isinstance(fault["body"], str) else "<html>this is not JSON</html>"
             return Response(200, body)
-        if kind == "drop":
+        if kind in ("drop", "reset-body", "stall-body"):
             body = json.dumps({"data": "x" * 200}).encode()
             head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n"
             try:
                 self.tls.sendall((head % len(body)).encode() + body[: len(body) // 3])
+                if kind == "stall-body":
+                    time.sleep(fault["seconds"])
+            except OSError:
+                pass
+            if kind == "reset-body":
+                abort_connection(self.tls)
+            return None
+        if kind == "reset":
+            abort_connection(self.tls)
+            return None
+        if kind == "raw":
+            raw = fault["body"] if isinstance(fault["body"], str) else ""
+            try:
+                self.tls.sendall(raw.encode("latin-1", "replace"))
             except OSError:
                 pass
             return None
-        return None  # "close": no answer at all
+        if kind == "big-headers":
+            size, line = fault["size"], fault["lineSize"]
+            headers, n = [], 0
+            while size > 0:
+                name = "X-Filler-%d" % n
+                value = "h" * max(1, min(size, line) - len(name) - 4)
+                headers.append((name, value))
+                size -= len(name) + len(value) + 4
+                n += 1
+            return Response(200, json.dumps({"filler": n}), headers=headers)
+        if kind == "big-body":
+            self.stream_body(fault["size"], fault["chunked"])
+            return None
+        return None  # "close" (and "alert", which only a handshake can carry): no answer
+
+    def stream_body(self, size, chunked):
+        """200 with size bytes of JSON-ish filler, written piece by piece, never held whole."""
+        head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+        head += "Transfer-Encoding: chunked\r\n" if chunked else "Content-Length: %d\r\n" % size
+        piece = b"x" * 65536
+        try:
+            self.tls.sendall((head + "Connection: close\r\n\r\n").encode())
+            left = size
+            while left > 0:
+                part = piece[: min(left, len(piece))]
+                self.tls.sendall(b"%x\r\n%s\r\n" % (len(part), part) if chunked else part)
+                left -= len(part)
+            if chunked:
+                self.tls.sendall(b"0\r\n\r\n")
+        except OSError as e:
+            LOG.info("big body ended early: %s", e)
 
     # ---- output
     def send(self, resp, req):
@@ -959,11 +1036,43 @@ class App:
         )
 
 
+def abort_connection(sock):
+    """Ends a connection with a TCP reset (no FIN, no TLS close_notify)."""
+    try:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        sock.close()  # now, before the server's own shutdown could send a FIN
+    except OSError:
+        pass
+
+
+def handshake_fault(fault, raw):
+    """Plays a fault armed on the path "TLS" instead of the handshake."""
+    kind = fault["kind"]
+    LOG.info("fault %s on the TLS handshake", kind)
+    try:
+        if kind == "delay":  # accepted, then silence: the handshake stalls
+            time.sleep(fault["seconds"])
+            return
+        raw.recv(16384)  # the ClientHello
+        if kind == "alert":
+            raw.sendall(TLS_ALERT_HANDSHAKE_FAILURE)
+        elif kind == "raw" and isinstance(fault["body"], str):
+            raw.sendall(fault["body"].encode("latin-1", "replace"))
+        elif kind in ("reset", "reset-body"):
+            abort_connection(raw)
+    except OSError:
+        pass
+
+
 class TlsHandler(socketserver.BaseRequestHandler):
     def handle(self):
         app = self.server.app
         raw = self.request
         raw.settimeout(HANDSHAKE_TIMEOUT)
+        fault = app.state.take_fault("TLS")
+        if fault:
+            handshake_fault(fault, raw)
+            return
         try:
             raw.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             ctx = app.tls.get("qxca", app.state.snapshot()["certMode"])
@@ -1029,6 +1138,9 @@ class TunnelHandler(socketserver.BaseRequestHandler):
             if fault["kind"] == "delay":
                 time.sleep(fault["seconds"])
             elif fault["kind"] in ("drop", "close"):
+                return
+            elif fault["kind"] == "reset":
+                abort_connection(sock)
                 return
             elif fault["kind"] == "status":
                 self.answer(sock, fault["status"], REASONS.get(fault["status"], "Status"), master)
