@@ -116,10 +116,20 @@ size_t stringEnd(const std::string& text, size_t open) {
 }
 }  // namespace
 
-std::string qxMaskTraceSecrets(const char* data, size_t size) {
+std::string qxMaskTraceSecrets(const char* data, size_t size, bool* inSecret) {
   std::string text(data, size), out;
   size_t from = 0;  // text[from...] not yet copied
-  size_t i = text.find('"');
+  if (inSecret != nullptr && *inSecret) {
+    // The previous chunk ended inside a credential's value: mask its rest.
+    size_t i = 0;
+    while (i < text.size() && text[i] != '"') i += text[i] == '\\' ? 2 : 1;
+    out = "***";
+    if (i >= text.size()) return out;
+    from = i;
+    *inSecret = false;
+  }
+  if (inSecret != nullptr) *inSecret = false;
+  size_t i = text.find('"', from);
   while (i != std::string::npos) {
     size_t close = stringEnd(text, i);
     if (close >= text.size()) break;
@@ -134,8 +144,12 @@ std::string qxMaskTraceSecrets(const char* data, size_t size) {
     if (text[value] == '"') {
       size_t valueEnd = stringEnd(text, value);
       out += text.substr(from, value + 1 - from) + "***";
-      // An unterminated value is masked to the end: better too much than a leak.
-      if (valueEnd >= text.size()) return out;
+      // An unterminated value is masked to the end, and so is its rest in
+      // the next chunk: better too much than a leak.
+      if (valueEnd >= text.size()) {
+        if (inSecret != nullptr) *inSecret = true;
+        return out;
+      }
       from = valueEnd;
       i = text.find('"', valueEnd + 1);
     } else if (text[value] == '{' || text[value] == '[') {
@@ -186,7 +200,7 @@ std::string qxFormatTraceDump(const char* label, const std::string& data) {
 }
 
 int QXClientCURL::curl_debug_logger(CURL* /*handle*/, curl_infotype type, char* data, size_t size,
-                                    void* /*userp*/) {
+                                    void* userp) {
   const char* label = nullptr;
   switch (type) {
     case CURLINFO_TEXT: {
@@ -210,10 +224,17 @@ int QXClientCURL::curl_debug_logger(CURL* /*handle*/, curl_infotype type, char* 
     default:
       return 0;
   }
+  // A body arrives in chunks; a credential's value may run on into the next.
+  // Headers come before a body: a new body starts outside any value.
+  auto* client = static_cast<QXClientCURL*>(userp);
+  if (client != nullptr && type == CURLINFO_HEADER_IN) client->m_traceInSecret[0] = false;
+  if (client != nullptr && type == CURLINFO_HEADER_OUT) client->m_traceInSecret[1] = false;
   if (!qxLogWanted(QXLOG_PROGRESS)) return 0;
+  bool* open =
+      client == nullptr ? nullptr : &client->m_traceInSecret[type == CURLINFO_DATA_IN ? 0 : 1];
   std::string text = (type == CURLINFO_HEADER_IN || type == CURLINFO_HEADER_OUT)
                          ? qxMaskTraceHeaders(data, size)
-                         : qxMaskTraceSecrets(data, size);
+                         : qxMaskTraceSecrets(data, size, open);
   std::string dump = qxFormatTraceDump(label, text);
   size_t from = 0;
   while (from <= dump.size()) {
@@ -229,6 +250,8 @@ int QXClientCURL::curl_debug_logger(CURL* /*handle*/, curl_infotype type, char* 
 int QXClientCURL::setCurlVerbose() {
   int rc = setCurlOptionLogged(CURLOPT_VERBOSE, 1L, "CURLOPT_VERBOSE");
   if (rc != 0) return rc;
-  return setCurlOptionLogged(CURLOPT_DEBUGFUNCTION, reinterpret_cast<void*>(&curl_debug_logger),
-                             "CURLOPT_DEBUGFUNCTION");
+  rc = setCurlOptionLogged(CURLOPT_DEBUGFUNCTION, reinterpret_cast<void*>(&curl_debug_logger),
+                           "CURLOPT_DEBUGFUNCTION");
+  if (rc != 0) return rc;
+  return setCurlOptionLogged(CURLOPT_DEBUGDATA, static_cast<void*>(this), "CURLOPT_DEBUGDATA");
 }

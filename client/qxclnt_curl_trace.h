@@ -26,7 +26,9 @@ typedef ACE_Singleton<MaskedHttpHeaders, ACE_Recursive_Thread_Mutex> MaskedHttpH
 // (password, passphrase, apiKey, secret, authorization and every name ending
 // in "token", in any letter case and nesting) become "***".
 std::string qxMaskTraceHeaders(const char* data, size_t size);
-std::string qxMaskTraceSecrets(const char* data, size_t size);
+// inSecret (may be null) carries, from one chunk of a body to the next,
+// whether a credential's value was still open at the end of the chunk.
+std::string qxMaskTraceSecrets(const char* data, size_t size, bool* inSecret = nullptr);
 // Dump lines in the manner of a text-only wire trace, joined with '\n'.
 std::string qxFormatTraceDump(const char* label, const std::string& data);
 #endif

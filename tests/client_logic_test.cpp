@@ -425,6 +425,30 @@ TEST_F(ClientTraceTest, CredentialMembersAreMasked) {
   }
 }
 
+// A value cut by a chunk boundary stays masked in the next chunk, and only
+// until its end; a new body starts clean.
+TEST_F(ClientTraceTest, CredentialSplitAcrossChunksIsMasked) {
+  QXTestRoot root;
+  QXClientCURL client("h", 1, CERT_TYPE_HOST, QXCURL_INSECURE);
+  auto dump = [&](curl_infotype type, std::string data) {
+    m_capture.clear();
+    QXClientCURL::curl_debug_logger(nullptr, type, &data[0], data.size(), &client);
+    std::string all;
+    for (const QXLogLine& l : m_capture.lines()) {
+      if (l.tag == "curl_debug_logger()" && l.text.find(": ") != std::string::npos)
+        all += l.text.substr(l.text.find(": ") + 2);
+    }
+    return all;
+  };
+  EXPECT_EQ(std::string::npos, dump(CURLINFO_DATA_IN, "{\"token\":\"eyJhead.pay").find("pay"));
+  std::string rest = dump(CURLINFO_DATA_IN, "load.tail\",\"validity\":3600}");
+  EXPECT_EQ(std::string::npos, rest.find("tail")) << rest;
+  EXPECT_NE(std::string::npos, rest.find("\"validity\":3600")) << rest;
+  dump(CURLINFO_DATA_IN, "{\"token\":\"open");
+  dump(CURLINFO_HEADER_IN, "HTTP/1.1 200 OK\r\n");
+  EXPECT_NE(std::string::npos, dump(CURLINFO_DATA_IN, "plain").find("plain"));
+}
+
 TEST_F(ClientTraceTest, DumpFormat) {
   EXPECT_EQ((std::vector<std::string>{"=> Send header, 0000000006 bytes (0x00000006) ", "0000: ab",
                                       "0004: cd"}),

@@ -268,6 +268,29 @@ class ToolTest(unittest.TestCase):
         self.assertNotIn(LONG_TOKEN, r.stderr)
         self.assertNotIn(LONG_TOKEN[4:-4], r.stderr)
 
+    def test_verbose_traces_of_logins_show_no_token(self):
+        # Every client traces (the login clients too), as a hostile reader of
+        # the log would want.
+        self.host.write_config("ENABLE_QXCURL_VERBOSE = yes\n")
+        try:
+            self.host.run("token", "--clear")
+            r = self.host.run("--verbose", "--session", "token", "GET", "arvion/config/hosts")
+            self.assertExit(r, 0)
+            self.assertIn("Recv  data", r.stderr)  # the login answer was traced
+            machine = self.host.requests("arvion/config/hosts")[-1]["headers"]["Authorization"]
+            pw = self.write("pw", PASSWORD + "\n")
+            r2 = self.host.run("login", "--user", USER, "--domain-type", "unixpwd",
+                               "--password-file", pw, "--verbose")
+            self.assertExit(r2, 0)
+            self.host.run("--user-session", "GET", "arvion/config/hosts")
+            user = self.host.requests("arvion/config/hosts")[-1]["headers"]["Authorization"]
+            for token in (machine, user):
+                for err in (r.stderr, r2.stderr):
+                    self.assertNotIn(token[-24:], err)
+        finally:
+            self.host.write_config()
+            self.host.run("logout")
+
     def test_name_mismatch_lists_certificate_names(self):
         self.host.control_call("POST", "config", {"certMode": "wrongname"})
         r = self.host.run("GET", "arvion/ping")

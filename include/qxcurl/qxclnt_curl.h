@@ -195,6 +195,9 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
 
   // ---- debug trace ----
   int setCurlVerbose();
+  // A traced body's credential value that runs on into the next chunk
+  // (received, sent): its rest is masked too.
+  bool m_traceInSecret[2] = {false, false};
   static int curl_debug_logger(CURL* handle, curl_infotype type, char* data, size_t size,
                                void* userp);
 
