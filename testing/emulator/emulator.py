@@ -62,7 +62,7 @@ IDLE_TIMEOUT = 30.0
 TUNNEL_IDLE_TIMEOUT = 300.0
 
 CERT_MODES = ("normal", "wrongname", "expired", "revoked")
-FAULT_KINDS = ("503", "502", "delay", "drop", "notjson", "status", "close")
+FAULT_KINDS = ("503", "502", "delay", "drop", "stall", "notjson", "status", "close")
 VENDOR_TYPES = ("application/vnd.arvion+json", "application/vnd.arvion+octet-stream")
 PLAIN_ACCEPTABLE = (
     "*/*",
@@ -756,11 +756,14 @@ class Connection:
         if kind == "notjson":
             body = fault["body"] if isinstance(fault["body"], str) else "<html>this is not JSON</html>"
             return Response(200, body)
-        if kind == "drop":
+        if kind in ("drop", "stall"):
             body = json.dumps({"data": "x" * 200}).encode()
             head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n"
             try:
                 self.tls.sendall((head % len(body)).encode() + body[: len(body) // 3])
+                if kind == "stall":
+                    time.sleep(fault["seconds"])
+                    self.tls.sendall(body[len(body) // 3:])
             except OSError:
                 pass
             return None
