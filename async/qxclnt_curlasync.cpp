@@ -69,8 +69,10 @@ AsyncCURLFactory::~AsyncCURLFactory() = default;
 QXClientAsyncCURL::QXClientAsyncCURL(const std::string& server, int port,
                                      const std::string& urlPath, const std::string& payload,
                                      REQTYPE reqType, cert_type certType,
-                                     QXCurlSessionType sessionType, TokenManager_Base* tokenManager)
-    : QXClientCURL(server, port, certType, sessionType, tokenManager),
+                                     QXCurlSessionType sessionType, TokenManager_Base* tokenManager,
+                                     const std::string& caType)
+    : QXClientCURL(server, port, certType, sessionType, tokenManager, "", true, false, false,
+                   caType),
       m_reqType(reqType),
       m_reqPath(urlPath),
       m_reqPayload(payload) {
@@ -80,6 +82,7 @@ QXClientAsyncCURL::QXClientAsyncCURL(const std::string& server, int port,
     throw QX_ERR_BAD_ARGUMENT;
   }
   for (fd_set& s : m_unusedSets) FD_ZERO(&s);
+  m_revocationCache = &m_revocationVerdicts;
   m_multiHandle = curl_multi_init();
   if (m_multiHandle == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "curl_multi_init failed";

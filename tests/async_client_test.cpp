@@ -278,6 +278,31 @@ TEST_F(AsyncClientTest, TunnelDownTakesTheNext) {
   EXPECT_TRUE(seen.back().tunnel);
 }
 
+// Many connections to one master present one chain: the CRL check runs once.
+TEST_F(AsyncClientTest, RevocationVerdictsSharedAcrossClients) {
+  QXAsyncRevocationCache::clear();
+  struct Case {
+    const char* certMode;
+    int status;
+  } cases[] = {{"normal", 0}, {"revoked", QX_ERR_CERT_REVOKED}};
+  for (const Case& k : cases) {
+    SCOPED_TRACE(k.certMode);
+    ASSERT_EQ(0, emulator().setConfig(std::string("{\"certMode\": \"") + k.certMode + "\"}"));
+    m_log.clear();
+    std::vector<std::unique_ptr<QXClientAsyncCURL>> owned;
+    for (int i = 0; i < 3; ++i) {
+      owned.emplace_back(new QXClientAsyncCURL("localhost", emulator().port(), "arvion/ping", "",
+                                               REQTYPE_GET, CERT_TYPE_HOST, QXCURL_INSECURE,
+                                               nullptr, "ECA"));
+      ASSERT_EQ(k.status == 0 ? ASYNC_COMPLETED : ASYNC_FAILED, driveOne(*owned.back()).back())
+          << m_log.dump();
+      EXPECT_EQ(k.status, owned.back()->getQxuErrorCode());
+    }
+    EXPECT_EQ(3u, m_log.count("Peer cert revocation status found in cache")) << m_log.dump();
+    EXPECT_EQ(1u, m_log.count("Checking the revocation of a chain not seen yet"));
+  }
+}
+
 TEST(AsyncClientUnit, MapMultiCurlErrorTable) {
   QXTestRoot root;
   ASSERT_TRUE(root.ok());

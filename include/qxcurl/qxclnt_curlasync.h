@@ -105,6 +105,24 @@ class QX_API AsyncCURL {
   virtual const std::string& getResponseData() = 0;
 };
 
+// Revocation verdicts shared by the asynchronous clients of the process:
+// the many connections to one master present the same chain, and each CRL
+// check loads every CRL. A verdict is kept for kTtlSec seconds, per chain,
+// trust store and CRL settings; a check that could not be decided is not
+// kept (the TLS layer then checks and reports as usual).
+// NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
+class QX_API QXAsyncRevocationCache : public QXRevocationCache {
+ public:
+  static constexpr int kTtlSec = 60;
+  explicit QXAsyncRevocationCache(const QXClientCURL& client) : m_client(client) {}
+  int lookup(const std::string& chainPem, bool& isRevoked) override;
+  // Forgets every verdict (tests, and a caller that just changed the CRLs).
+  static void clear();
+
+ private:
+  const QXClientCURL& m_client;
+};
+
 // NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)
 class QX_API QXClientAsyncCURL : public QXClientCURL, public AsyncCURL {
  public:
@@ -112,10 +130,12 @@ class QX_API QXClientAsyncCURL : public QXClientCURL, public AsyncCURL {
   // QX_ERR_CURL_INIT), and QX_ERR_NO_MEMORY when libcurl gives no multi
   // handle. The payload is copied (POST, PUT and PATCH need one). A supplied
   // token manager stays the caller's; without one, a token session logs in
-  // with the host certificate.
+  // with the host certificate. caType "QXCA" or "ECA" forces the CA kind, as
+  // for QXClientCURL.
   QXClientAsyncCURL(const std::string& server, int port, const std::string& urlPath,
                     const std::string& payload, REQTYPE reqType, cert_type certType,
-                    QXCurlSessionType sessionType, TokenManager_Base* tokenManager = nullptr);
+                    QXCurlSessionType sessionType, TokenManager_Base* tokenManager = nullptr,
+                    const std::string& caType = "");
   // Safe at any point: a transfer under way is abandoned, its sockets closed.
   ~QXClientAsyncCURL() override;
 
@@ -235,6 +255,7 @@ class QX_API QXClientAsyncCURL : public QXClientCURL, public AsyncCURL {
   int m_mockResponseCode = 0;
   std::vector<struct pollfd>* m_pollFds = nullptr;  // set while a poll call runs
   fd_set m_unusedSets[3];
+  QXAsyncRevocationCache m_revocationVerdicts{*this};
 };
 
 // NOLINTNEXTLINE(cppcoreguidelines-special-member-functions)

@@ -78,9 +78,9 @@ class Runner {
     const int session = sessionTypeFor(m_o);
     for (Slot& s : m_slots) {
       try {
-        s.client.reset(new QXClientAsyncCURL(m_o.server, m_o.port, m_o.path, m_o.data, type,
-                                             static_cast<cert_type>(m_o.certType),
-                                             static_cast<QXCurlSessionType>(session)));
+        s.client.reset(new QXClientAsyncCURL(
+            m_o.server, m_o.port, m_o.path, m_o.data, type, static_cast<cert_type>(m_o.certType),
+            static_cast<QXCurlSessionType>(session), nullptr, m_o.caType));
       } catch (int status) {
         if (m_o.server.empty()) std::fprintf(stderr, "qxcurl: --server is required\n");
         if (m_o.port < 1) std::fprintf(stderr, "qxcurl: --port must be 1 or more\n");
