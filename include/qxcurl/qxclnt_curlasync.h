@@ -11,32 +11,29 @@
 // failed TLS handshakes inside the retry window, and fail-over from tunnel to
 // tunnel.
 //
-// A select() loop over several requests (error handling left out):
+// A select() loop (error handling left out; with several clients, each call
+// adds to the same sets and the loop waits for all of them):
 //
 //   QXClientAsyncCURLFactory factory;
-//   std::string none;
-//   std::vector<std::unique_ptr<QXClientAsyncCURL>> reqs;  // filled with
-//   //   factory.createClientAsyncCURL("master", 1556, "arvion/ping", none,
-//   //       REQTYPE_GET, CERT_TYPE_HOST, QXCURL_USE_TOKEN)
-//   std::vector<int> state(reqs.size(), -1);   // -1: not started
-//   for (size_t left = reqs.size(); left > 0;) {
-//     fd_set rd, wr, ex;
-//     FD_ZERO(&rd); FD_ZERO(&wr); FD_ZERO(&ex);
-//     int maxfd = -1;
-//     long waitMs = 1000;
-//     for (size_t i = 0; i < reqs.size(); ++i) {
-//       if (state[i] == ASYNC_COMPLETED || state[i] == ASYNC_FAILED) continue;
-//       state[i] = state[i] < 0 ? reqs[i]->performAsyncRequest(rd, wr, ex, maxfd)
-//                               : reqs[i]->isAsyncOperationCompleted(rd, wr, ex, maxfd);
-//       if (state[i] == ASYNC_COMPLETED || state[i] == ASYNC_FAILED) --left;
-//       else if (state[i] == ASYNC_IN_PROGRESS) waitMs = 0;
-//       else if (state[i] == ASYNC_RETRY_WAIT) ...;  // call again after getRetrySleepTime() s
-//       else waitMs = std::min(waitMs, reqs[i]->getAsyncWaitTimeoutMs());
+//   std::unique_ptr<QXClientAsyncCURL> c(factory.createClientAsyncCURL(
+//       "master1", 1556, "arvion/ping", "", REQTYPE_GET, CERT_TYPE_HOST, QXCURL_USE_TOKEN));
+//   fd_set rd, wr, ex;
+//   FD_ZERO(&rd); FD_ZERO(&wr); FD_ZERO(&ex);
+//   int maxfd = -1;
+//   int s = c->performAsyncRequest(rd, wr, ex, maxfd);
+//   while (s != ASYNC_COMPLETED && s != ASYNC_FAILED) {
+//     if (s == ASYNC_RETRY_WAIT) {
+//       sleep(c->getRetrySleepTime());
+//     } else if (s == ASYNC_WAIT_FDS) {
+//       long ms = c->getAsyncWaitTimeoutMs();
+//       timeval tv = {ms / 1000, (ms % 1000) * 1000};
+//       select(maxfd + 1, &rd, &wr, &ex, ms < 0 ? nullptr : &tv);
 //     }
-//     timeval tv = {waitMs / 1000, (waitMs % 1000) * 1000};
-//     select(maxfd + 1, &rd, &wr, &ex, &tv);
+//     FD_ZERO(&rd); FD_ZERO(&wr); FD_ZERO(&ex);
+//     maxfd = -1;
+//     s = c->isAsyncOperationCompleted(rd, wr, ex, maxfd);
 //   }
-//   // reqs[i]->getQxuErrorCode(), getHttpResponseStatusCode(), getResponseData()
+//   // c->getQxuErrorCode(), c->getHttpResponseStatusCode(), c->getResponseData()
 //
 // select() cannot watch a descriptor at or above FD_SETSIZE (1024): a request
 // whose socket is that high fails with QX_ERR_BAD_SOCKET instead of writing
