@@ -9,6 +9,7 @@
 // next exchange when it can be.
 #include "qxclnt_curlasync.h"
 
+#include <openssl/x509_vfy.h>
 #include <strings.h>
 
 #include <cstring>
@@ -83,6 +84,7 @@ QXClientAsyncCURL::QXClientAsyncCURL(const std::string& server, int port,
   }
   for (fd_set& s : m_unusedSets) FD_ZERO(&s);
   m_revocationCache = &m_revocationVerdicts;
+  setCertInfo();
   m_multiHandle = curl_multi_init();
   if (m_multiHandle == nullptr) {
     QXLOG(QXLOG_ERROR, tag) << "curl_multi_init failed";
@@ -107,6 +109,21 @@ int QXClientAsyncCURL::setAsyncRequest(REQTYPE reqType, const std::string& urlPa
   m_reqPath = urlPath;
   m_reqPayload = payload;
   return 0;
+}
+
+// libcurl turns every certificate of every handshake into text when asked
+// for certificate information (a fifth of a connection's CPU outside the
+// handshake itself). Only the names of a certificate that did not match the
+// server are ever read, so the information is asked for only to learn them.
+void QXClientAsyncCURL::setCertInfo() {
+  setCurlOptionLogged(CURLOPT_CERTINFO, m_certInfoWanted ? 1L : 0L, "CURLOPT_CERTINFO",
+                      QXLOG_DETAIL);
+}
+
+int QXClientAsyncCURL::resetHandle() {
+  int rc = resetCurl();
+  if (rc == 0) setCertInfo();
+  return rc;
 }
 
 // ---- results ----
@@ -263,13 +280,17 @@ int QXClientAsyncCURL::start(fd_set& read, fd_set& write, fd_set& except, int& m
   m_nioConnectAbandoned = m_nioConnectDone = m_nioConnecting = false;
   m_freshConnect = false;
   m_retryStatus = 0;
+  if (m_certInfoWanted) {
+    m_certInfoWanted = false;
+    setCertInfo();
+  }
   m_triedTunnels.clear();
   m_tunnelUsed.clear();
   m_connectionStartTime = T_time();
   m_connection_start_time = m_connectionStartTime;
   if (dirty) {
     if (!detach("curl_multi_remove_handle")) return ASYNC_FAILED;
-    if (resetCurl() != 0) return fail(QX_ERR_CURL_INIT);
+    if (resetHandle() != 0) return fail(QX_ERR_CURL_INIT);
   }
   if (checkAndPopulateTunnelConfig() != 0) return ASYNC_FAILED;
   m_retrySleepQueue.clear();
@@ -344,7 +365,7 @@ int QXClientAsyncCURL::tryWithNextTunnel() {
   const char* tag = "QXClientAsyncCURL::tryWithNextTunnel";
   m_nioConnectAbandoned = m_nioConnectDone = false;
   if (!detach("Tunnel curl_multi_remove_handle")) return ASYNC_FAILED;
-  if (resetCurl() != 0) return fail(QX_ERR_CURL_INIT);
+  if (resetHandle() != 0) return fail(QX_ERR_CURL_INIT);
   if (!m_currentTunnel.empty()) {
     QXLOG(QXLOG_PROGRESS, tag) << "Trying with another tunnel:[" << m_currentTunnel << "]";
     setorResetTunnelOptions(m_currentTunnel);
@@ -354,9 +375,7 @@ int QXClientAsyncCURL::tryWithNextTunnel() {
     disableTunnelOptions();
     m_tunnelUsed.clear();
   }
-  // The phase that failed starts over through the new way.
-  if (m_apiVersionFetchInProgress) m_apiVersionFetchPending = true;
-  m_apiVersionFetchInProgress = m_tokenFetchInProgress = false;
+  rewindPhase();
   return setInitiateAsyncRequest(false, false);
 }
 
@@ -674,6 +693,13 @@ int QXClientAsyncCURL::retryStatusForAnswer() const {
   return QX_ERR_SERVICE_UNAVAILABLE;
 }
 
+// The phase whose exchange failed starts over: the login phase decides
+// again whether a token is needed; a version fetch is fetched again.
+void QXClientAsyncCURL::rewindPhase() {
+  if (m_apiVersionFetchInProgress) m_apiVersionFetchPending = true;
+  m_apiVersionFetchInProgress = m_tokenFetchInProgress = false;
+}
+
 int QXClientAsyncCURL::retryConnection() {
   const char* tag = "QXClientAsyncCURL::performOperation";
   QXLOG(QXLOG_PROGRESS, tag) << "Retrying previous connection";
@@ -685,7 +711,7 @@ int QXClientAsyncCURL::retryConnection() {
     return fail(m_retryStatus != 0 ? m_retryStatus : QX_ERR_TIMEOUT);
   }
   if (!detach("Connection retry QX_curl_multi_remove_handle")) return ASYNC_FAILED;
-  if (resetCurl() != 0) return fail(QX_ERR_CURL_INIT);
+  if (resetHandle() != 0) return fail(QX_ERR_CURL_INIT);
   applyCurrentTunnel();
   if (m_retrySleepQueue.empty()) {
     // The client's own schedule for what is left of the window.
@@ -701,9 +727,7 @@ int QXClientAsyncCURL::retryConnection() {
                                                              : m_retrySleepQueue.front())
                                << "]";
   }
-  // The phase that failed starts over.
-  if (m_apiVersionFetchInProgress) m_apiVersionFetchPending = true;
-  m_apiVersionFetchInProgress = m_tokenFetchInProgress = false;
+  rewindPhase();
   return setInitiateAsyncRequest(false, true);
 }
 
@@ -760,6 +784,21 @@ int QXClientAsyncCURL::performOperation(fd_set& read, fd_set& write, fd_set& exc
     m_curlError = result;
     QXLOG(QXLOG_ERROR, tag) << "Previous transfer completed with status: "
                             << curl_easy_strerror(result);
+    long verifyResult = 0;
+    if (result == CURLE_PEER_FAILED_VERIFICATION && !m_certInfoWanted &&
+        getSSLVerifyResult(&verifyResult) && verifyResult <= X509_V_ERR_UNSPECIFIED) {
+      // The server's name did not match: the same exchange once more, to
+      // learn the names its certificate carries.
+      QXLOG(QXLOG_PROGRESS, tag) << "Retrying with certificate information to name the "
+                                    "server certificate's host names";
+      m_certInfoWanted = true;
+      m_nioConnectDone = false;
+      if (!detach("curl_multi_remove_handle")) return ASYNC_FAILED;
+      if (resetHandle() != 0) return fail(QX_ERR_CURL_INIT);
+      applyCurrentTunnel();
+      rewindPhase();
+      return setInitiateAsyncRequest(false, false);
+    }
     int status = mapCurlError();
     // Through a tunnel: the proxy's answer to CONNECT (0 when none).
     long connectCode = 0;
@@ -865,7 +904,7 @@ int QXClientAsyncCURL::advance(fd_set& read, fd_set& write, fd_set& except, int&
     QXLOG(QXLOG_PROGRESS, tag)
         << "Removing previous m_curl from multi_handle before resetCurl in case of token retry";
     if (!detach("curl_multi_remove_handle")) return ASYNC_FAILED;
-    if (resetCurl() != 0) return fail(QX_ERR_CURL_INIT);
+    if (resetHandle() != 0) return fail(QX_ERR_CURL_INIT);
     setCurlOptionLogged(CURLOPT_FRESH_CONNECT, 1L, "CURLOPT_FRESH_CONNECT");
     m_freshConnect = true;
     m_keptConnection = 0;
@@ -879,7 +918,7 @@ int QXClientAsyncCURL::reconfigureAfterFetch(bool afterToken) {
   QXLOG(QXLOG_PROGRESS, "QXClientAsyncCURL::isAsyncOperationCompleted")
       << "Removing m_curl from multi_handle after token fetch before resetCurl";
   if (!detach("curl_multi_remove_handle")) return ASYNC_FAILED;
-  if (resetCurl() != 0) return fail(QX_ERR_CURL_INIT);
+  if (resetHandle() != 0) return fail(QX_ERR_CURL_INIT);
   applyCurrentTunnel();
   if (!afterToken) {
     // The version changed the media types; a token session still needs its

@@ -303,6 +303,19 @@ TEST_F(AsyncClientTest, RevocationVerdictsSharedAcrossClients) {
   }
 }
 
+// Certificate information is asked for only to name a mismatching server.
+TEST_F(AsyncClientTest, NameMismatchListsTheCertificateNames) {
+  ASSERT_EQ(0, emulator().setConfig("{\"certMode\": \"wrongname\"}"));
+  auto c = client();
+  EXPECT_EQ(ASYNC_FAILED, driveOne(*c).back());
+  EXPECT_EQ(QX_ERR_HOST_MISMATCH, c->getQxuErrorCode());
+  std::vector<std::string> names;
+  ASSERT_TRUE(c->getExtendedErrorInfo(QX_ERR_HOST_MISMATCH, &names));
+  EXPECT_FALSE(names.empty());
+  ASSERT_EQ(0, emulator().setConfig("{\"certMode\": \"normal\"}"));
+  EXPECT_EQ(ASYNC_COMPLETED, driveOne(*c).back());
+}
+
 TEST(AsyncClientUnit, MapMultiCurlErrorTable) {
   QXTestRoot root;
   ASSERT_TRUE(root.ok());

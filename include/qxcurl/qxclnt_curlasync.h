@@ -229,6 +229,9 @@ class QX_API QXClientAsyncCURL : public QXClientCURL, public AsyncCURL {
   void raiseRetryWindow();
   int retryStatusForAnswer() const;
   int pollCall(bool starting, std::vector<struct pollfd>& fds, int& timeoutMs);
+  void setCertInfo();
+  int resetHandle();
+  void rewindPhase();
 
   REQTYPE m_reqType;
   std::string m_reqPath;
@@ -239,12 +242,13 @@ class QX_API QXClientAsyncCURL : public QXClientCURL, public AsyncCURL {
   bool m_exchangeOk = false;  // the last exchange ended with an answer
   int m_keptConnection = -1;  // for the next exchange: -1 ask libcurl, 0 no, 1 yes
   bool m_freshConnect = false;
-  bool m_nioConnecting = false;  // the connector is between steps
-  bool m_nioDialled = false;     // this exchange's socket comes from the connector
-  int m_nioStatus = 0;           // the connector's last result
-  long m_nioWaitMs = -1;         // while connecting: the attempt's time left
-  int m_retryStatus = 0;         // what a closed retry window reports
-  int m_loginCaMode = -1;        // the CA mode a login was made under
+  bool m_certInfoWanted = false;  // libcurl keeps the certificates as text
+  bool m_nioConnecting = false;   // the connector is between steps
+  bool m_nioDialled = false;      // this exchange's socket comes from the connector
+  int m_nioStatus = 0;            // the connector's last result
+  long m_nioWaitMs = -1;          // while connecting: the attempt's time left
+  int m_retryStatus = 0;          // what a closed retry window reports
+  int m_loginCaMode = -1;         // the CA mode a login was made under
   std::string m_currentTunnel;
   std::string m_token;
   struct curl_slist* m_fetchHeaders = nullptr;  // token and version fetches
