@@ -112,8 +112,8 @@ int QXClientAsyncCURL::setAsyncRequest(REQTYPE reqType, const std::string& urlPa
 }
 
 // libcurl turns every certificate of every handshake into text when asked
-// for certificate information (a fifth of a connection's CPU outside the
-// handshake itself). Only the names of a certificate that did not match the
+// for certificate information (some 300 000 instructions a connection). Only
+// the names of a certificate that did not match the
 // server are ever read, so the information is asked for only to learn them.
 void QXClientAsyncCURL::setCertInfo() {
   setCurlOptionLogged(CURLOPT_CERTINFO, m_certInfoWanted ? 1L : 0L, "CURLOPT_CERTINFO",
