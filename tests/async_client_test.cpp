@@ -100,7 +100,7 @@ class AsyncClientTest : public QXEmulatorTest {
   QXEmulatorOptions emulatorOptions() const override {
     QXEmulatorOptions o;
     // Only the tunnel test binds the tunnel port (cases run side by side).
-    if (testName() == "TunnelDownTakesTheNext") o.tunnels = {"127.0.5.11"};
+    if (testName() == "TunnelDownTakesTheNext") o.tunnels = {"127.0.5.31"};
     return o;
   }
   static std::string testName() {
@@ -255,24 +255,24 @@ TEST_F(AsyncClientTest, VersionFetchAfter406ThenTheLowerVersion) {
 }
 
 TEST_F(AsyncClientTest, RefusedFirstAddressThenTheSecond) {
-  wnet_T_setHostAddresses("localhost", {"127.0.5.2", "127.0.0.1"});
+  wnet_T_setHostAddresses("localhost", {"127.0.5.20", "127.0.0.1"});
   for (bool usePoll : {false, true}) {
     m_log.clear();
     auto c = client();
     EXPECT_EQ(ASYNC_COMPLETED, driveOne(*c, usePoll).back()) << m_log.dump();
-    EXPECT_TRUE(m_log.contains("already tried connecting to [127.0.5.2], now trying[127.0.0.1]."));
+    EXPECT_TRUE(m_log.contains("already tried connecting to [127.0.5.20], now trying[127.0.0.1]."));
   }
 }
 
 TEST_F(AsyncClientTest, TunnelDownTakesTheNext) {
   ASSERT_TRUE(
       root().writeConfig("WEB_SERVER_TUNNEL_USE = 1\nSERVER = localhost\n"
-                         "MEDIA_SERVER = 127.0.5.10\nMEDIA_SERVER = 127.0.5.11\n"));
+                         "MEDIA_SERVER = 127.0.5.30\nMEDIA_SERVER = 127.0.5.31\n"));
   auto c = client();
   ASSERT_EQ(ASYNC_COMPLETED, driveOne(*c).back()) << m_log.dump();
-  EXPECT_EQ("127.0.5.11", c->getTunnelUsed());
-  EXPECT_TRUE(m_log.contains("Trying with another tunnel:[127.0.5.11]"));
-  EXPECT_EQ("\r\nlocalhost = 127.0.5.11", qxReadFile(root().path("arvion/websvctunnels.cache")));
+  EXPECT_EQ("127.0.5.31", c->getTunnelUsed());
+  EXPECT_TRUE(m_log.contains("Trying with another tunnel:[127.0.5.31]"));
+  EXPECT_EQ("\r\nlocalhost = 127.0.5.31", qxReadFile(root().path("arvion/websvctunnels.cache")));
   std::vector<QXRecordedRequest> seen = emulator().requests();
   ASSERT_FALSE(seen.empty());
   EXPECT_TRUE(seen.back().tunnel);
