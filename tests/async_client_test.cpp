@@ -340,6 +340,11 @@ TEST(AsyncClientUnit, MapMultiCurlErrorTable) {
   std::string none;
   EXPECT_EQ(nullptr, factory.generateAsyncCURL("", 1556, "p", none, REQTYPE_GET, CERT_TYPE_HOST,
                                                QXCURL_INSECURE));
+  // Owned and destroyed through the interface.
+  std::unique_ptr<AsyncCURL> owned(factory.generateAsyncCURL(
+      "m.example", 1556, "arvion/ping", none, REQTYPE_GET, CERT_TYPE_HOST, QXCURL_INSECURE));
+  ASSERT_NE(nullptr, owned);
+  EXPECT_EQ(0, owned->getHttpResponseStatusCode());
 }
 
 TEST_F(AsyncClientTest, TwoHundredClientsInOneLoop) {
