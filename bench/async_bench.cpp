@@ -12,6 +12,7 @@
 //   qxcurl-select the same through fd_sets and select()
 #include <curl/curl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/select.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -248,6 +249,8 @@ int runChild(const Args& a) {
   curl_global_init(CURL_GLOBAL_ALL);
   const int64_t wall0 = clockNs(CLOCK_MONOTONIC), cpu0 = clockNs(CLOCK_PROCESS_CPUTIME_ID);
   const QXAllocCounters heap0 = qxBenchAllocNow();
+  struct rusage ru0 {};
+  getrusage(RUSAGE_SELF, &ru0);
   int failures;
   try {
     failures = a.impl == "raw" ? runRaw(a) : runClient(a, a.impl == "qxcurl-select");
@@ -256,9 +259,17 @@ int runChild(const Args& a) {
     return 3;
   }
   const QXAllocCounters heap1 = qxBenchAllocNow();
-  std::printf("RESULT %d %.3f %.3f %.1f\n", failures, (clockNs(CLOCK_MONOTONIC) - wall0) / 1e6,
+  struct rusage ru1 {};
+  getrusage(RUSAGE_SELF, &ru1);
+  auto ms = [](const timeval& from, const timeval& to) {
+    return static_cast<double>(to.tv_sec - from.tv_sec) * 1e3 +
+           static_cast<double>(to.tv_usec - from.tv_usec) / 1e3;
+  };
+  std::printf("RESULT %d %.3f %.3f %.1f %.3f %.3f\n", failures,
+              (clockNs(CLOCK_MONOTONIC) - wall0) / 1e6,
               (clockNs(CLOCK_PROCESS_CPUTIME_ID) - cpu0) / 1e6,
-              static_cast<double>(heap1.calls - heap0.calls) / a.requests);
+              static_cast<double>(heap1.calls - heap0.calls) / a.requests,
+              ms(ru0.ru_utime, ru1.ru_utime), ms(ru0.ru_stime, ru1.ru_stime));
   std::fflush(stdout);
   return failures == 0 ? 0 : 1;
 }
@@ -290,7 +301,7 @@ int spawnChild(const std::string& exe, const std::vector<std::string>& args, std
 }
 
 struct Run {
-  double wallMs = 0, cpuMs = 0, allocs = 0;
+  double wallMs = 0, cpuMs = 0, allocs = 0, userMs = 0, sysMs = 0;
   int connections = 0;
 };
 
@@ -334,7 +345,7 @@ int runParent(const std::string& exe, int requests, int inFlight, int rounds) {
       int childFailures = -1;
       if (at != std::string::npos) {
         std::istringstream in(out.substr(at + 7));
-        in >> childFailures >> r.wallMs >> r.cpuMs >> r.allocs;
+        in >> childFailures >> r.wallMs >> r.cpuMs >> r.allocs >> r.userMs >> r.sysMs;
       }
       if (rc != 0 || childFailures != 0) {
         std::fprintf(stderr, "round %d, %s: child failed (exit %d, %d failures)\n", round, impl, rc,
@@ -375,6 +386,8 @@ int runParent(const std::string& exe, int requests, int inFlight, int rounds) {
     double target;
   } metrics[] = {{"wall ms", &Run::wallMs, 1.10},
                  {"CPU ms", &Run::cpuMs, 1.10},
+                 {" user ms", &Run::userMs, 0},
+                 {" system ms", &Run::sysMs, 0},
                  {"allocs/req", &Run::allocs, 0}};
   for (const char* impl : kImpls) {
     for (const auto& m : metrics) {
