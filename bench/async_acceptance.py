@@ -175,9 +175,11 @@ def main():
             print("%-8s %-8s %9.1f %9.1f - %-8.1f %7.2fx  %s" % (name, metric, med, lo, hi, ratio,
                                                                  target))
         conns = max(x[2] for x in runs[name])
-        print("%-8s %-8s %9d  (most in one run; target <= %d %s)"
-              % (name, "conns", conns, a.parallel, "ok" if conns <= a.parallel else "MISSED"))
-        missed = missed or conns > a.parallel
+        target = "-"
+        if name == "qxcurl":
+            target = "<= %d %s" % (a.parallel, "ok" if conns <= a.parallel else "MISSED")
+            missed = missed or conns > a.parallel
+        print("%-8s %-8s %9d  (most in one run)  %s" % (name, "conns", conns, target))
     print("\n" + ("some targets MISSED" if missed or failed else "all targets met"))
     return 1 if missed or failed else 0
 
