@@ -372,12 +372,14 @@ int QXClientCURL::setupURL(const std::string& url) {
 int QXClientCURL::setConnectTimeout(long seconds) {
   // The preferred-network connector dials for libcurl: it keeps the same bound.
   if (seconds > 0) m_connectorTimeout = seconds;
+  m_connectTimeoutSec = seconds;
   return setCurlOptionLogged(CURLOPT_CONNECTTIMEOUT, seconds, "CURLOPT_CONNECTTIMEOUT");
 }
 
 int QXClientCURL::setupCurlOperationTimeout(long seconds) {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::setupCurlOperationTimeout")
       << "Setting CURL timeout = [" << seconds << "] seconds";
+  m_operationTimeoutSec = seconds;
   return setCurlOptionLogged(CURLOPT_TIMEOUT, seconds, "CURLOPT_TIMEOUT");
 }
 
@@ -522,5 +524,13 @@ int QXClientCURL::resetCurl() {
   m_headerList = headers;
   if (qxcurl_bpconf_keyvalue_state("ENABLE_QXCURL_VERBOSE", false)) setCurlVerbose();
   applySessionTLSParams();
+  if (m_operationTimeoutSec >= 0)
+    setCurlOptionLogged(CURLOPT_TIMEOUT, m_operationTimeoutSec, "CURLOPT_TIMEOUT");
+  if (m_connectTimeoutSec >= 0)
+    setCurlOptionLogged(CURLOPT_CONNECTTIMEOUT, m_connectTimeoutSec, "CURLOPT_CONNECTTIMEOUT");
+  if (m_callerVerifyPeer >= 0)
+    setCurlOptionLogged(CURLOPT_SSL_VERIFYPEER, m_callerVerifyPeer, "CURLOPT_SSL_VERIFYPEER");
+  if (m_callerVerifyHost >= 0)
+    setCurlOptionLogged(CURLOPT_SSL_VERIFYHOST, m_callerVerifyHost, "CURLOPT_SSL_VERIFYHOST");
   return 0;
 }

@@ -2,6 +2,8 @@
 #define QXCURL_CLIENT_OPTION_H
 #include <curl/curl.h>
 
+#include <string>
+
 #include "qx_log.h"
 #include "qxclnt_curl.h"
 
@@ -17,4 +19,8 @@ int qxSetCurlOption(QXClientCURL& c, CURLoption option, T value, const char* nam
   QXLOG(level, tag) << "FAILED to set " << name << " in cURL. cURL :" << curl_easy_strerror(rc);
   return c.mapCurlError();
 }
+
+// A POST body as the web service expects it: every line feed and carriage
+// return written as the two characters \n and \r.
+std::string qxEscapeLineEnds(const std::string& payload);
 #endif

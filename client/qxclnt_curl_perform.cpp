@@ -4,6 +4,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "client/qxclnt_curl_option.h"
 #include "client/qxclnt_retry.h"
 #include "prefnet/qxclnt_prefnet.h"
 #include "qx_json.h"
@@ -14,15 +15,8 @@
 #include "qxclnt_curl.h"
 #include "websvc_tunnel_router.h"
 
-namespace {
-
-using qxretry::NEXT_SILENT;
-using qxretry::NEXT_TUNNEL;
-using qxretry::RETRY_DIRECT;
-using qxretry::STOP;
-
 // Post sends line ends escaped; the web service expects them that way.
-std::string escapeLineEnds(const std::string& payload) {
+std::string qxEscapeLineEnds(const std::string& payload) {
   std::string out;
   out.reserve(payload.size());
   for (char c : payload) {
@@ -36,6 +30,14 @@ std::string escapeLineEnds(const std::string& payload) {
   }
   return out;
 }
+
+namespace {
+
+using qxretry::NEXT_SILENT;
+using qxretry::NEXT_TUNNEL;
+using qxretry::RETRY_DIRECT;
+using qxretry::STOP;
+
 }  // namespace
 
 // ---- verbs ----
@@ -66,7 +68,7 @@ int QXClientCURL::Post(const std::string& path, const std::string& payload) {
   if (rc != 0) return rc;
   QXLOG(QXLOG_PROGRESS, tag) << "POSTing to URL " << m_server_url << path;
   QXLOG(QXLOG_PROGRESS, tag) << "Sending payload ...";
-  rc = setPostOptions(escapeLineEnds(payload));
+  rc = setPostOptions(qxEscapeLineEnds(payload));
   if (rc != 0) return rc;
   return performOperation();
 }

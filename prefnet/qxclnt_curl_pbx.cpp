@@ -86,19 +86,50 @@ bool stillPermitted(curl_socket_t s) {
   return ok;
 }
 
-// The connector dials host:port; its socket waits for libcurl in m_pbxSocket.
-int dial(QXClientCURL& c, const std::string& host, int port) {
+// Readies the connector to dial host:port under the current rules.
+void arm(QXClientCURL& c, const std::string& host, int port) {
   qxclnt_curl_prefnet& conn = *c.m_connector;
   conn.reset();
   c.m_pbxRules = wnet_current_pref_rules()->generation;
   conn.update_connect_param(host);
   conn.update_connect_port(static_cast<unsigned int>(port));
   conn.update_connect_param(c.m_connectorTimeout);
-  int rc =
-      conn.connect(QXCLNT_CMODE_BLOCKING, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+}
+
+// The connector's outcome: its socket waits for libcurl in m_pbxSocket.
+void took(QXClientCURL& c, int rc) {
   c.m_pbxFailed = rc != WN_STATUS_SUCCESS;
-  c.m_pbxSocket = rc == WN_STATUS_SUCCESS ? static_cast<int>(conn) : -1;
+  c.m_pbxSocket = rc == WN_STATUS_SUCCESS ? static_cast<int>(*c.m_connector) : -1;
+}
+
+// The connector dials host:port and blocks until it is done.
+int dial(QXClientCURL& c, const std::string& host, int port) {
+  arm(c, host, port);
+  int rc = c.m_connector->connect(QXCLNT_CMODE_BLOCKING, nullptr, nullptr, nullptr, nullptr,
+                                  nullptr, nullptr);
+  took(c, rc);
   return rc;
+}
+
+// Whether libcurl's kept connection to host:port will carry the next transfer
+// under the current rules. A connection the rules no longer allow is shut
+// down: libcurl finds it hung up and asks for a new socket.
+bool keptUsable(QXClientCURL& c, std::string_view host, int port) {
+  const char* tag = "QXClientCURL::connectToPBXExchange";
+  curl_socket_t kept = keptConnection(c, host, port);
+  if (kept == CURL_SOCKET_BAD) return false;
+  // Changed rules take effect on the next request, kept connection or not.
+  unsigned long rules = wnet_current_pref_rules()->generation;
+  if (rules == c.m_pbxRules || stillPermitted(kept)) {
+    c.m_pbxRules = rules;
+    QXLOG(QXLOG_PROGRESS, tag) << "Reusing the kept-alive connection to [" << host << "].";
+    return true;
+  }
+  QXLOG(QXLOG_PROGRESS, tag)
+      << "Preferred network settings changed; dropping the kept-alive connection to [" << host
+      << "].";
+  ::shutdown(kept, SHUT_RDWR);
+  return false;
 }
 
 }  // namespace
@@ -183,9 +214,15 @@ int QXClientCURL::resetCurlResolver(const std::string& entry) {
   return rc;
 }
 
-int QXClientCURL::connectToPBXExchange() {
+bool QXClientCURL::pbxKeptConnectionUsable() {
+  if (m_connector == nullptr) return false;
+  int port = 0;
+  std::string_view host = exchangeTarget(*this, port);
+  return keptUsable(*this, host, port);
+}
+
+int QXClientCURL::preparePBXExchange(int kept) {
   const char* tag = "QXClientCURL::connectToPBXExchange";
-  if (m_connector == nullptr) return 0;
   // The previous socket is libcurl's once taken; one it never took is ours.
   m_connector->reset(m_pbxSocket >= 0);
   m_pbxSocket = -1;
@@ -196,29 +233,27 @@ int QXClientCURL::connectToPBXExchange() {
   }
   int port = 0;
   std::string_view host = exchangeTarget(*this, port);
-  curl_socket_t kept = keptConnection(*this, host, port);
-  if (kept != CURL_SOCKET_BAD) {
-    // Changed rules take effect on the next request, kept connection or not.
-    unsigned long rules = wnet_current_pref_rules()->generation;
-    if (rules == m_pbxRules || stillPermitted(kept)) {
-      m_pbxRules = rules;
-      QXLOG(QXLOG_PROGRESS, tag) << "Reusing the kept-alive connection to [" << host << "].";
-      return 0;
-    }
-    // libcurl finds it hung up, closes it and asks for the socket dialled below.
-    QXLOG(QXLOG_PROGRESS, tag)
-        << "Preferred network settings changed; dropping the kept-alive connection to [" << host
-        << "].";
-    ::shutdown(kept, SHUT_RDWR);
-  }
+  if (kept < 0 ? keptUsable(*this, host, port) : kept == 1) return 1;
   m_pbxHost.assign(host.data(), host.size());
   m_pbxPort = port;
   QXLOG(QXLOG_PROGRESS, tag) << "Connecting to [" << m_connectHost << "].";
-  int rc = dial(*this, m_pbxHost, port);
+  arm(*this, m_pbxHost, port);
+  return 0;
+}
+
+void QXClientCURL::finishPBXExchange(int rc) {
   if (rc != WN_STATUS_SUCCESS) {
-    QXLOG(QXLOG_OPTION, tag) << "Failed to connect to [" << m_connectHost << "]. WNET erro = " << rc
-                             << ".";
+    QXLOG(QXLOG_OPTION, "QXClientCURL::connectToPBXExchange")
+        << "Failed to connect to [" << m_connectHost << "]. WNET erro = " << rc << ".";
   }
+  took(*this, rc);
   resetCurlResolver(static_cast<std::string>(*m_connector));
+}
+
+int QXClientCURL::connectToPBXExchange() {
+  if (m_connector == nullptr) return 0;
+  if (preparePBXExchange(-1) == 1) return 0;
+  finishPBXExchange(m_connector->connect(QXCLNT_CMODE_BLOCKING, nullptr, nullptr, nullptr, nullptr,
+                                         nullptr, nullptr));
   return 0;
 }

@@ -66,6 +66,9 @@ class ValgrindTest(unittest.TestCase):
                                   "GET", "arvion/ping"]),
             ("certificate login", ["--session", "token", "GET", "arvion/config/hosts"]),
             ("external CA with revocation check", ["--ca-type", "ECA", "GET", "arvion/ping"]),
+            ("asynchronous client, login and kept connections",
+             ["--session", "token", "--repeat", "6", "--parallel", "3", "GET",
+              "arvion/config/hosts"]),
         ]
         for name, args in cases:
             with self.subTest(name):

@@ -438,21 +438,26 @@ int setVerification(QXClientCURL& c, long peer, long host, const char* tag) {
 }  // namespace
 
 int QXClientCURL::setSkipPeerHostVerification() {
+  m_callerVerifyPeer = m_callerVerifyHost = 0;
   return setVerification(*this, 0L, 0L, "QXClientCURL::setSkipPeerHostVerification");
 }
 
 int QXClientCURL::setSkipPeerVerification() {
   m_peerVerificationFlag = false;
+  m_callerVerifyPeer = 0;
   return qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION,
                          "QXClientCURL::setSkipPeerVerification");
 }
 
 int QXClientCURL::setSkipHostVerification() {
+  m_callerVerifyHost = 0;
   return qxSetCurlOption(*this, CURLOPT_SSL_VERIFYHOST, 0L, "CURLOPT_SSL_VERIFYHOST", QXLOG_OPTION,
                          "QXClientCURL::setSkipHostVerification");
 }
 
 int QXClientCURL::setPeerAndHostVerification() {
+  m_callerVerifyPeer = 1;
+  m_callerVerifyHost = 2;
   return setVerification(*this, 1L, 2L, "QXClientCURL::setPeerAndHostVerification");
 }
 

@@ -156,6 +156,8 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int setHeaderWithToken(const std::string& token);
   int setCurlCallbackForHeaderAndData();
   int setWriteDataFunction(curl_write_callback callback, void* userData);
+  // Back to the constructor's options, keeping the request headers and what
+  // the caller set since (time-outs, verification switches).
   int resetCurl();
   bool isTokenRefreshed() const { return m_tokenRefreshed; }
   int encodeUriString(const std::string& in, std::string& out);
@@ -236,6 +238,17 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   // Connects the next transfer's socket under the preferred-network rules,
   // unless libcurl will reuse its live connection. Always 0.
   int connectToPBXExchange();
+  // The exchange in two halves, for callers that wait for the connector
+  // themselves. preparePBXExchange: 1 when libcurl's kept connection will
+  // carry the transfer (kept: -1 ask libcurl now, 0 no, 1 yes), 0 when the
+  // connector is ready to dial. finishPBXExchange: hands the connector's
+  // socket to libcurl (rc 0), or pins libcurl to an unreachable address.
+  int preparePBXExchange(int kept);
+  void finishPBXExchange(int rc);
+  // Whether libcurl will reuse its kept connection for the next transfer to
+  // where the exchange would dial. Ask before the handle leaves a multi
+  // handle: libcurl forgets the connection then.
+  bool pbxKeptConnectionUsable();
 
   // ---- results ----
   int64_t getHttpCode() const { return m_httpCode; }
@@ -367,6 +380,11 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   // (server and port); made on first use.
   std::string m_cacheHandle;
   bool m_servedFromCache = false;
+  // What the caller set on the handle, so that resetCurl keeps it (-1: not set).
+  long m_operationTimeoutSec = -1;
+  long m_connectTimeoutSec = -1;
+  long m_callerVerifyPeer = -1;
+  long m_callerVerifyHost = -1;
 
   static bool gAppControlledInitCleanup;
 

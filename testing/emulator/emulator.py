@@ -73,6 +73,7 @@ FAULT_KINDS = (
     "close",
     "reset",
     "reset-body",
+    "stall",
     "stall-body",
     "raw",
     "big-headers",
@@ -789,13 +790,15 @@ class Connection:
         if kind == "notjson":
             body = fault["body"] if isinstance(fault["body"], str) else "<html>this is not JSON</html>"
             return Response(200, body)
-        if kind in ("drop", "reset-body", "stall-body"):
+        if kind in ("drop", "reset-body", "stall-body", "stall"):
             body = json.dumps({"data": "x" * 200}).encode()
             head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n"
             try:
                 self.tls.sendall((head % len(body)).encode() + body[: len(body) // 3])
-                if kind == "stall-body":
+                if kind in ("stall-body", "stall"):
                     time.sleep(fault["seconds"])
+                if kind == "stall":
+                    self.tls.sendall(body[len(body) // 3:])
             except OSError:
                 pass
             if kind == "reset-body":

@@ -76,6 +76,9 @@ const char* const kUsage =
     "                           3 and 4 as 1 and 2 with the body in the secure store\n"
     "  --ttl S                  GET: seconds to cache when the server names none\n"
     "                           (default 86400)\n"
+    "  --repeat N               send the request N times, in one thread, and print a\n"
+    "                           summary (outcomes, statuses, HTTP codes, latency)\n"
+    "  --parallel M             with --repeat: at most M requests in flight (default 1)\n"
     "options of login:\n"
     "  --user NAME --domain-type T [--domain-name D (default: the server)]\n"
     "  --password-file FILE     password on its first line (else prompted, or read from\n"
@@ -177,6 +180,21 @@ void checkOptionsBelong(const Options& o) {
   }
 }
 
+// --repeat and --parallel go together, for requests the asynchronous client
+// can send.
+void checkRepeat(const Options& o) {
+  auto given = [&](const char* name) {
+    return std::find(o.seen.begin(), o.seen.end(), name) != o.seen.end();
+  };
+  if (!given("--repeat") && !given("--parallel")) return;
+  if (o.repeat < 1) throw UsageError("--repeat needs a count of 1 or more");
+  if (o.parallel < 1) throw UsageError("--parallel needs a count of 1 or more");
+  if (o.method == "UPLOAD") throw UsageError("--repeat does not take UPLOAD");
+  if (o.haveToken || o.userSession) {
+    throw UsageError("--repeat sends no --token or --user-session: use --session token");
+  }
+}
+
 void checkRequest(Options& o, const std::vector<std::string>& positional) {
   if (positional.size() != 2) throw UsageError("expected METHOD and PATH");
   o.method = positional[0];
@@ -212,6 +230,7 @@ void checkRequest(Options& o, const std::vector<std::string>& positional) {
   if (!o.crl.empty() && access(o.crl.c_str(), R_OK) != 0) {
     throw UsageError("cannot read --crl file " + o.crl);
   }
+  checkRepeat(o);
 }
 
 Options parseArgs(int argc, char** argv) {
@@ -326,6 +345,10 @@ Options parseArgs(int argc, char** argv) {
       o.tunnels.push_back(next());
     } else if (a == "--no-tunnel") {
       o.noTunnel = true;
+    } else if (a == "--repeat") {
+      o.repeat = toInt(next(), "--repeat");
+    } else if (a == "--parallel") {
+      o.parallel = toInt(next(), "--parallel");
     } else if (a == "--reset") {
       o.resetTunnels = true;
     } else if (a == "--list") {
@@ -352,7 +375,10 @@ Options parseArgs(int argc, char** argv) {
   return o;
 }
 
-// Session name to type; -1 for an unknown name (the client refuses it with 20).
+}  // namespace
+
+namespace qxtool {
+
 int sessionTypeFor(const Options& o) {
   std::string s = o.session;
   if (s.empty()) s = o.haveToken || o.userSession ? "token" : "insecure";
@@ -362,6 +388,10 @@ int sessionTypeFor(const Options& o) {
   if (s == "tpca") return QXCURL_USE_TPCA_CERT;
   return -1;
 }
+
+}  // namespace qxtool
+
+namespace {
 
 // TLS trust, client certificate and revocation switches of one request.
 int applyTlsOptions(const Options& o, QXClientCURL& c) {
@@ -393,6 +423,7 @@ int applyTlsOptions(const Options& o, QXClientCURL& c) {
 }
 
 int runRequest(const Options& o) {
+  if (o.repeat > 0) return runParallel(o);
   int sessionType = sessionTypeFor(o);
   std::unique_ptr<SuppliedTokenManager> supplied;
   std::unique_ptr<LoginWithUserTokenManager> userSession;
@@ -418,29 +449,8 @@ int runRequest(const Options& o) {
     return reportStatus(status, nullptr);
   }
   QXClientCURL& c = *client;
-  c.m_useBearer = o.bearer;
-  if (o.verbose) c.setCurlVerbose();
-  // The token manager's own login requests get the same time-out.
-  if (o.timeout >= 0 && c.m_tokenManager != nullptr)
-    c.m_tokenManager->m_operationTimeout = o.timeout;
-
-  int rc = applyTlsOptions(o, c);
-  if (rc != 0) return reportStatus(rc, nullptr);
-  if (o.timeout >= 0) c.setupCurlOperationTimeout(o.timeout);
-  if (o.connectTimeout >= 0) c.setConnectTimeout(o.connectTimeout);
-  if (o.retryWindow >= 0) c.setConnectRetryTimeout(o.retryWindow);
-  if (!o.apiVersion.empty()) c.setJsonMediaTypeAPIVersion(o.apiVersion);
-  applyTunnelOptions(o, c);
-  for (const std::string& h : o.headers) {
-    size_t colon = h.find(':');
-    if (colon == std::string::npos) {
-      std::fprintf(stderr, "qxcurl: bad --header '%s'\n", h.c_str());
-      return EXIT_USAGE;
-    }
-    size_t value = h.find_first_not_of(' ', colon + 1);
-    c.addHeaderField(h.substr(0, colon) + ": ",
-                     value == std::string::npos ? std::string() : h.substr(value));
-  }
+  int exitCode = configureRequestClient(o, c);
+  if (exitCode != 0) return exitCode;
 
   int status;
   if (o.method == "GET" && o.cache >= 0) {
@@ -486,6 +496,33 @@ int runRequest(const Options& o) {
 }  // namespace
 
 namespace qxtool {
+
+int configureRequestClient(const Options& o, QXClientCURL& c) {
+  c.m_useBearer = o.bearer;
+  if (o.verbose) c.setCurlVerbose();
+  // The token manager's own login requests get the same time-out.
+  if (o.timeout >= 0 && c.m_tokenManager != nullptr)
+    c.m_tokenManager->m_operationTimeout = o.timeout;
+
+  int rc = applyTlsOptions(o, c);
+  if (rc != 0) return reportStatus(rc, nullptr);
+  if (o.timeout >= 0) c.setupCurlOperationTimeout(o.timeout);
+  if (o.connectTimeout >= 0) c.setConnectTimeout(o.connectTimeout);
+  if (o.retryWindow >= 0) c.setConnectRetryTimeout(o.retryWindow);
+  if (!o.apiVersion.empty()) c.setJsonMediaTypeAPIVersion(o.apiVersion);
+  applyTunnelOptions(o, c);
+  for (const std::string& h : o.headers) {
+    size_t colon = h.find(':');
+    if (colon == std::string::npos) {
+      std::fprintf(stderr, "qxcurl: bad --header '%s'\n", h.c_str());
+      return EXIT_USAGE;
+    }
+    size_t value = h.find_first_not_of(' ', colon + 1);
+    c.addHeaderField(h.substr(0, colon) + ": ",
+                     value == std::string::npos ? std::string() : h.substr(value));
+  }
+  return 0;
+}
 
 int reportStatus(int status, const QXClientCURL* client) {
   // A status the server chose (a 503's error body) is explained by the

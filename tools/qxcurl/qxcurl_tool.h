@@ -65,6 +65,10 @@ struct Options {
   // cache
   bool listCache = false;
   bool clearCache = false;
+
+  // --repeat N --parallel M: N requests, at most M in flight (0: one request).
+  int repeat = 0;
+  int parallel = 1;
 };
 
 class UsageError {
@@ -104,6 +108,16 @@ void applyTunnelOptions(const Options& o, QXClientCURL& client);
 // with --include (when there was one) and on stderr with --verbose.
 void reportTunnel(const Options& o, const QXClientCURL& client);
 int runTunnels(const Options& o);
+
+// Session name to type; -1 for an unknown name (the client refuses it with 20).
+int sessionTypeFor(const Options& o);
+// Everything of a request's options that is set on its client: time-outs,
+// TLS, retry window, API version, tunnels, headers. 0, or the exit code
+// after reporting why not.
+int configureRequestClient(const Options& o, QXClientCURL& c);
+// --repeat: the request N times through the asynchronous client, at most
+// --parallel in flight, in one thread; prints the summary.
+int runParallel(const Options& o);
 
 int runLogin(const Options& o);
 int runLogout(const Options& o);
