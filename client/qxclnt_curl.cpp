@@ -90,6 +90,8 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
       m_reserved(reserved),
       m_skipPKIInfo(skipPKIInfo) {
   const char* tag = "QXClientCURL::QXClientCURL";
+  // One configuration for all of the constructor's decisions.
+  QXConfigSnapshot config;
   std::memset(m_errorBuffer, 0, sizeof(m_errorBuffer));
   m_clientId = makeClientId();
   if (!certPath.empty()) m_certPath = certPath;
@@ -434,6 +436,7 @@ int QXClientCURL::setupAcceptCurlOption(const std::string& value) {
 
 int QXClientCURL::setPostOptions(const std::string& payload) {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::setPostOptions") << "setting curl post options ...";
+  m_methodChanged = true;
   int rc = setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, "POST", "CURLOPT_CUSTOMREQUEST");
   if (rc != 0) return rc;
   m_customRequest = true;
@@ -448,8 +451,10 @@ int QXClientCURL::setPostOptions(const std::string& payload) {
 int QXClientCURL::setHeaderWithToken(const std::string& token) {
   deleteHeaderField("Authorization:");
   addHeaderField("Authorization: ", (m_useBearer ? "Bearer " : "") + token);
-  return setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList),
-                             "CURLOPT_HTTPHEADER");
+  int rc = setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList),
+                               "CURLOPT_HTTPHEADER");
+  if (rc == 0) m_headersOnHandle = m_headerList;
+  return rc;
 }
 
 // ---- callbacks ----
@@ -489,8 +494,12 @@ int QXClientCURL::resetCurl() {
     QXLOG(QXLOG_ERROR, "QXClientCURL::resetCurl") << "Curl initialization failed ...";
     return QX_ERR_CURL_INIT;
   }
+  QXConfigSnapshot config;
   curl_easy_reset(m_curlHandle);
   m_customRequest = false;
+  m_methodChanged = false;
+  m_handleUrl.clear();
+  m_headersOnHandle = nullptr;
   m_socketCallbacksInstalled = false;
   // The header list is kept (it carries the negotiated version and token);
   // only the handle options go back to the constructor's.

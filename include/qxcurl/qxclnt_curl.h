@@ -343,6 +343,9 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   std::string m_clientId;
   bool m_skipPKIInfo = false;
   bool m_customRequest = false;  // CURLOPT_CUSTOMREQUEST is set on the handle
+  bool m_methodChanged = false;  // a verb other than GET configured the handle
+  std::string m_handleUrl;       // the URL on the handle (reused buffer)
+  struct curl_slist* m_headersOnHandle = nullptr;  // the header list the handle holds
   bool m_versionProbe = false;   // the API-version probe never renegotiates itself
   bool m_mockTTL = false;
   int m_mockTTLValue = 0;
