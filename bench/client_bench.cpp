@@ -392,7 +392,8 @@ std::string machineLine() {
 }
 
 void printTable(const std::vector<Row>& rows, const Options& o) {
-  std::printf("\n| scenario | preferred networks | metric | library | raw | ratio (spread) | target |\n");
+  std::printf(
+      "\n| scenario | preferred networks | metric | library | raw | ratio (spread) | target |\n");
   std::printf("|---|---|---|---:|---:|---|---|\n");
   bool missed = false;
   for (const Row& r : rows) {
@@ -413,11 +414,15 @@ void printTable(const std::vector<Row>& rows, const Options& o) {
       bool ok = r.rssQx - r.rssRaw <= 2.0;
       missed = missed || !ok;
       std::printf("| %s | %s | peak memory | %.1f MiB | %.1f MiB | %+.1f MiB | <= +2 MiB %s |\n",
-                  r.scenario.c_str(), "-", r.rssQx, r.rssRaw, r.rssQx - r.rssRaw, ok ? "ok" : "MISSED");
+                  r.scenario.c_str(), "-", r.rssQx, r.rssRaw, r.rssQx - r.rssRaw,
+                  ok ? "ok" : "MISSED");
     }
   }
-  std::printf("\nCounted per request (medians of the timed runs; system calls from strace -c):\n\n");
-  std::printf("| scenario | preferred networks | allocations library / raw | system calls library / raw |\n");
+  std::printf(
+      "\nCounted per request (medians of the timed runs; system calls from strace -c):\n\n");
+  std::printf(
+      "| scenario | preferred networks | allocations library / raw | system calls library / raw "
+      "|\n");
   std::printf("|---|---|---:|---:|\n");
   for (const Row& r : rows) {
     if (!r.prefnet.empty())
@@ -425,9 +430,10 @@ void printTable(const std::vector<Row>& rows, const Options& o) {
                   fmtCount(r.allocQx).c_str(), fmtCount(r.allocRaw).c_str(),
                   fmtCount(r.sysQx).c_str(), fmtCount(r.sysRaw).c_str());
   }
-  std::printf("\nMachine: %s. Release build; medians of %d alternating rounds, spread min-max of "
-              "the per-round ratios.\n",
-              machineLine().c_str(), o.rounds);
+  std::printf(
+      "\nMachine: %s. Release build; medians of %d alternating rounds, spread min-max of "
+      "the per-round ratios.\n",
+      machineLine().c_str(), o.rounds);
   std::printf("\n%s\n", missed ? "some targets MISSED" : "all targets met");
 }
 
@@ -484,7 +490,8 @@ bool runPair(const Env& e, const Options& o, int scenario, bool prefnet, Row& ro
       for (int i = 0; i < 2; ++i) {
         std::string out = e.rootOn + "/strace-" + impl + ".txt";
         std::vector<std::string> argv = {"strace", "-f", "-c", "-o", out};
-        for (const std::string& a : childArgv(e, impl, scenario, lens[i], o.warmup)) argv.push_back(a);
+        for (const std::string& a : childArgv(e, impl, scenario, lens[i], o.warmup))
+          argv.push_back(a);
         Spawned s = spawn(argv, env);
         calls[i] = s.exitCode == 0 ? countSyscalls(out) : NAN;
       }
@@ -498,10 +505,11 @@ bool runPair(const Env& e, const Options& o, int scenario, bool prefnet, Row& ro
 // The tool and curl, each started afresh for one GET: start, TLS, exit.
 bool runTool(const Env& e, const Options& o, const std::string& tool, Row& row) {
   std::string url = "https://localhost:" + std::to_string(e.port) + "/" + kPath;
-  std::vector<std::string> curlArgv = {"curl", "-s", "-f", "--cacert", e.caFile, "-o", "/dev/null",
-                                       url};
-  std::vector<std::string> qxArgv = {tool, "--server", "localhost", "--port", std::to_string(e.port),
-                                     "--cacert", e.caFile, "GET", kPath};
+  std::vector<std::string> curlArgv = {"curl",   "-s", "-f",        "--cacert",
+                                       e.caFile, "-o", "/dev/null", url};
+  std::vector<std::string> qxArgv = {
+      tool,       "--server", "localhost", "--port", std::to_string(e.port),
+      "--cacert", e.caFile,   "GET",       kPath};
   std::vector<std::string> env = {"ARVION_ROOT=" + e.rootOn};
   long rssRaw = 0, rssQx = 0;
   for (int round = 0; round < o.rounds; ++round) {

@@ -13,6 +13,7 @@
 #include "qx_util.h"
 #include "qx_wnet.h"
 #include "qxclnt_curl.h"
+#include "tls/qx_tls_internal.h"
 #include "websvc_tunnel_router.h"
 
 namespace {
@@ -71,8 +72,8 @@ int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string&
   if (decision != CACHE_USAGE_NONE) {
     QXLOG(QXLOG_PROGRESS, tag) << "Checking cache before/after web-api for path:" << path;
   }
-  QXLOG(QXLOG_PROGRESS, tag) << "Request not served from cache hence invoking URL: "
-                             << m_server_url << path;
+  QXLOG(QXLOG_PROGRESS, tag) << "Request not served from cache hence invoking URL: " << m_server_url
+                             << path;
   // A handle left as an earlier verb configured it goes back to GET; one
   // that already is a GET is left alone.
   if (m_methodChanged || m_customRequest) {
@@ -430,6 +431,7 @@ int QXClientCURL::performCurlOperation() {
     m_responseBody.clear();
 
     const time_t start = T_time();
+    qxTlsShareAttach(*this);
     if (!m_preferredNetworksDisabled) connectToPBXExchange();
     CURLcode rc = T_curl_easy_perform(m_curlHandle);
     while (rc == CURLE_SSL_CONNECT_ERROR && (T_time() - start) < m_connectionTimeout) {

@@ -56,7 +56,8 @@ std::string_view exchangeTarget(const QXClientCURL& c, int& port) {
 curl_socket_t keptConnection(const QXClientCURL& c, std::string_view host, int port) {
   if (port != c.m_pbxPort || host != c.m_pbxHost) return CURL_SOCKET_BAD;
   curl_socket_t s = CURL_SOCKET_BAD;
-  if (curl_easy_getinfo(c.m_curlHandle, CURLINFO_ACTIVESOCKET, &s) != CURLE_OK) return CURL_SOCKET_BAD;
+  if (curl_easy_getinfo(c.m_curlHandle, CURLINFO_ACTIVESOCKET, &s) != CURLE_OK)
+    return CURL_SOCKET_BAD;
   return s;
 }
 

@@ -184,10 +184,13 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
       mapCurlError();
     }
   }
-  // A resumed TLS session runs no verification callback: where the
-  // revocation check must run, every connection makes a full handshake.
-  qxSetCurlOption(*this, CURLOPT_SSL_SESSIONID_CACHE, isExternalCA(usage) ? 0L : 1L,
-                  "CURLOPT_SSL_SESSIONID_CACHE", QXLOG_OPTION, tag);
+  // Sessions are shared with the process's other clients of the same trust;
+  // a resumed session runs no verification callback, so where a revocation
+  // check must run, the handshake resumes only while the answer holds
+  // (qxclnt_tls_share.cpp).
+  qxSetCurlOption(*this, CURLOPT_SSL_SESSIONID_CACHE, 1L, "CURLOPT_SSL_SESSIONID_CACHE",
+                  QXLOG_OPTION, tag);
+  qxTlsShareAttach(*this);
 
   if (forMutualAuth) {
     qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 1L, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION, tag);

@@ -46,6 +46,8 @@ int sniIndex() {
 // Runs before the ClientHello is built, after libcurl has set the URL host
 // as server name: the marker replaces it on the wire only. libcurl checks
 // the certificate against the URL host on its own.
+// The same moment serves the resumption rule: a session offered there is
+// dropped when resuming it would skip a revocation check that must run.
 void sniInfoCallback(const SSL* ssl, int where, int /*ret*/) {
   if ((where & SSL_CB_HANDSHAKE_START) == 0) return;
   SSL_CTX* ctx = SSL_get_SSL_CTX(ssl);
@@ -53,6 +55,14 @@ void sniInfoCallback(const SSL* ssl, int where, int /*ret*/) {
   if (ctx == nullptr || idx < 0) return;
   const char* marker = static_cast<const char*>(SSL_CTX_get_ex_data(ctx, idx));
   if (marker != nullptr && *marker != '\0') SSL_set_tlsext_host_name(const_cast<SSL*>(ssl), marker);
+  if (qxclientcurl_sslctx_index >= 0) {
+    try {
+      qxTlsGateSession(const_cast<SSL*>(ssl), static_cast<const QXClientCURL*>(SSL_CTX_get_ex_data(
+                                                  ctx, qxclientcurl_sslctx_index)));
+    } catch (...) {
+      SSL_set_session(const_cast<SSL*>(ssl), nullptr);
+    }
+  }
 }
 
 }  // namespace
@@ -172,6 +182,8 @@ CURLcode setSslContext(SSL_CTX* ctx, void* client) {
     SSL_CTX_set_verify(ctx, SSL_CTX_get_verify_mode(ctx), libqxcurl_verify_callback);
     int rc = register_verify_callback(ctx, client);
     if (rc != CURLE_OK) return CURLE_ABORTED_BY_CALLBACK;
+    // The resumption rule runs at handshake start, marker or not.
+    SSL_CTX_set_info_callback(ctx, sniInfoCallback);
   } else {
     QXLOG(QXLOG_PROGRESS, tag)
         << "Since m_peerVerificationFlag is false, not setting libqxcurl_verify_callback";

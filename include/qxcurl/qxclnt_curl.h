@@ -291,6 +291,8 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   bool m_allowFailedCrlCheck = false;
   int m_sslCtxErrorCode = 0;                       // 8787 when the TLS context refused the key
   QXRevocationCache* m_revocationCache = nullptr;  // not owned; set by the async client
+  CURLSH* m_tlsShare = nullptr;  // process-wide TLS session share the handle is on
+  std::string m_tlsShareKey;     // which one (empty: none)
   // ---- end TLS trust and PKI ----
 
   // ---- state ----
@@ -342,11 +344,11 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int m_reserved = 0;
   std::string m_clientId;
   bool m_skipPKIInfo = false;
-  bool m_customRequest = false;  // CURLOPT_CUSTOMREQUEST is set on the handle
-  bool m_methodChanged = false;  // a verb other than GET configured the handle
-  std::string m_handleUrl;       // the URL on the handle (reused buffer)
+  bool m_customRequest = false;                    // CURLOPT_CUSTOMREQUEST is set on the handle
+  bool m_methodChanged = false;                    // a verb other than GET configured the handle
+  std::string m_handleUrl;                         // the URL on the handle (reused buffer)
   struct curl_slist* m_headersOnHandle = nullptr;  // the header list the handle holds
-  bool m_versionProbe = false;   // the API-version probe never renegotiates itself
+  bool m_versionProbe = false;  // the API-version probe never renegotiates itself
   bool m_mockTTL = false;
   int m_mockTTLValue = 0;
 
