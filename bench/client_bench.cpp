@@ -249,6 +249,7 @@ struct Options {
   int warmup = 20;
   int toolRuns = 20;     // processes per side and round
   bool syscalls = true;  // strace available and wanted
+  bool toolOnly = false;  // only the tool against curl
 };
 
 struct Spawned {
@@ -579,7 +580,7 @@ int runParent(const std::string& exe, const Options& o) {
 
   std::vector<Row> rows;
   bool ok = true;
-  for (int s = 0; s < static_cast<int>(std::size(kScenarios)); ++s) {
+  for (int s = 0; s < static_cast<int>(std::size(kScenarios)) && !opt.toolOnly; ++s) {
     for (bool prefnet : {true, false}) {
       Row row;
       row.scenario = kScenarios[s].name;
@@ -650,10 +651,12 @@ int main(int argc, char** argv) {
       ++i;
     } else if (arg == "--no-syscalls") {
       o.syscalls = false;
+    } else if (arg == "--tool-only") {
+      o.toolOnly = true;
     } else {
       std::fprintf(stderr,
                    "usage: %s [--requests N] [--connect-requests N] [--rounds N] [--tool-runs N]"
-                   " [--no-syscalls]\n"
+                   " [--no-syscalls] [--tool-only]\n"
                    "  N kept-alive requests per run (2000), N requests per run that connect\n"
                    "  anew (300), alternating rounds per row (5), tool processes per side and\n"
                    "  round (20); --no-syscalls skips the strace counts\n",
