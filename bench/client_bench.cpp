@@ -247,8 +247,8 @@ struct Options {
   int fresh = 300;       // requests per run that connects each time
   int rounds = 5;        // alternating rounds per row (at least five for the table)
   int warmup = 20;
-  int toolRuns = 20;     // processes per side and round
-  bool syscalls = true;  // strace available and wanted
+  int toolRuns = 20;      // processes per side and round
+  bool syscalls = true;   // strace available and wanted
   bool toolOnly = false;  // only the tool against curl
 };
 

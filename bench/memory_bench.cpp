@@ -61,8 +61,7 @@ bool phase(const char* name, int count, const Options& o, const std::function<bo
   long after = rssKb();
   bool flat = !o.checkRss || after - before <= o.allowanceKb;
   std::printf("%-42s resident %ld KiB after %d, %ld KiB after %d (%+ld KiB)%s\n", name, before,
-              warm, after, count, after - before,
-              o.checkRss ? (flat ? "  flat" : "  GROWS") : "");
+              warm, after, count, after - before, o.checkRss ? (flat ? "  flat" : "  GROWS") : "");
   return flat;
 }
 

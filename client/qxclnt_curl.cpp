@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <sstream>
+#include <mutex>
 
 #include "client/qxclnt_curl_option.h"
 #include "client/qxclnt_retry.h"
@@ -30,10 +30,18 @@ CURLcode (*g_easyPerformer)(CURL*) = nullptr;
 unsigned (*g_sleeper)(unsigned) = nullptr;
 time_t (*g_timeSource)(time_t*) = nullptr;
 
+// Made once per process (again in a forked child, whose pid differs).
 std::string makeClientId() {
-  std::ostringstream os;
-  os << QX_HEADER_X_CLIENT_ID_VALUE << "-" << get_exe_basename() << "-" << getpid();
-  return os.str();
+  static std::mutex mutex;
+  static pid_t pid = -1;
+  static std::string id;
+  std::lock_guard<std::mutex> guard(mutex);
+  if (pid != getpid()) {
+    pid = getpid();
+    id = QX_HEADER_X_CLIENT_ID_VALUE + "-" + get_exe_basename() + "-" +
+         std::to_string(static_cast<long>(pid));
+  }
+  return id;
 }
 
 caLoadType loadTypeFor(const std::string& caType) {

@@ -66,14 +66,14 @@ const MaskedHttpHeaders& qxMaskedHeaders() {
     for (const std::string& path : {dir + kAceModule, std::string(kAceModule)}) {
       void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
       if (module == nullptr) continue;
-      auto get = reinterpret_cast<const MaskedHttpHeaders* (*)()>(
-          dlsym(module, "qxcurl_masked_headers"));
+      auto get =
+          reinterpret_cast<const MaskedHttpHeaders* (*)()>(dlsym(module, "qxcurl_masked_headers"));
       found = get != nullptr ? get() : nullptr;
       if (found != nullptr) break;
     }
     if (found == nullptr) {
-      QXLOG(QXLOG_DETAIL, kTraceTag) << "ACE module [" << kAceModule
-                                     << "] not loaded; using the library's own table";
+      QXLOG(QXLOG_DETAIL, "qxMaskedHeaders")
+          << "ACE module [" << kAceModule << "] not loaded; using the library's own table";
       static const MaskedHttpHeaders own;
       found = &own;
     }

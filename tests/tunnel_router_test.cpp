@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "qx_config.h"
 #include "qx_lock_file.h"
 #include "qx_status.h"
-#include "qx_config.h"
 #include "qx_test_env.h"
 #include "qx_test_process.h"
 #include "tunnel/qxwebsvcpxy_bpconf.h"
