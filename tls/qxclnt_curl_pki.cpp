@@ -1,5 +1,6 @@
 // CA type selection and the host's PKI artifacts: which CA a connection
 // trusts and presents, where its files are, and how they reach libcurl.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -367,8 +368,21 @@ int QXClientCURL::getTrustedCert(std::string& cert) {
 int QXClientCURL::setTrustedCertInMemory(std::string path) {
   logmsgf(QXLOG_PROGRESS, QXLOG_CATEGORY, "QXClientCURL:::setTrustedCertInMemory",
           "Reading data from file [%s]", path.c_str());
-  if (IsFeatureEnabled_c(1) == 1) return readPEMDataFromFile(path, m_trustedCert);
-  return readDataFromFile(path, m_trustedCert);
+  // The same file, unchanged since this client read it (the constructor's
+  // trust store set again by the caller): no second read.
+  struct stat st;
+  std::string identity;
+  if (stat(path.c_str(), &st) == 0) {
+    identity = path + "|" + std::to_string(st.st_ino) + "|" + std::to_string(st.st_size) + "|" +
+               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + "|" +
+               std::to_string(IsFeatureEnabled_c(1));
+    if (identity == m_trustedCertSource && !m_trustedCert.empty()) return 0;
+  }
+  m_trustedCertSource.clear();
+  int rc = IsFeatureEnabled_c(1) == 1 ? readPEMDataFromFile(path, m_trustedCert)
+                                      : readDataFromFile(path, m_trustedCert);
+  if (rc == 0) m_trustedCertSource = identity;
+  return rc;
 }
 
 int QXClientCURL::loadPassphraseFromFile(const std::string& path, std::string& passphrase) {

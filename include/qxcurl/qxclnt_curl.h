@@ -276,12 +276,13 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   bool getSSLVerifyResult(long* result);
   int extractPeerCertSAN(std::list<std::string>& names);
 
-  std::string m_CACertPath;   // trust store (CA bundle) file
-  std::string m_certPath;     // host X.509 certificate
-  std::string m_keyPath;      // host private key
-  std::string m_passphrase;   // private key passphrase (text, never logged)
-  std::string m_crlPath;      // caller-supplied CRL file
-  std::string m_trustedCert;  // trust store contents, read into memory
+  std::string m_CACertPath;         // trust store (CA bundle) file
+  std::string m_certPath;           // host X.509 certificate
+  std::string m_keyPath;            // host private key
+  std::string m_passphrase;         // private key passphrase (text, never logged)
+  std::string m_crlPath;            // caller-supplied CRL file
+  std::string m_trustedCert;        // trust store contents, read into memory
+  std::string m_trustedCertSource;  // which file (and version of it) m_trustedCert holds
   ca_usage m_caUsage = CA_USAGE_QXCA;
   std::string m_sniName;  // "QXCA", "ECA" or empty
   bool m_isApplianceConnection = false;
