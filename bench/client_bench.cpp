@@ -245,7 +245,7 @@ int runChild(const ChildArgs& a) {
 struct Options {
   int keepAlive = 2000;  // requests per kept-alive run
   int fresh = 300;       // requests per run that connects each time
-  int rounds = 5;        // alternating rounds per row (at least five for the table)
+  int rounds = 7;        // alternating rounds per row (at least five for the table)
   int warmup = 20;
   int toolRuns = 20;      // processes per side and round
   bool syscalls = true;   // strace available and wanted
@@ -658,7 +658,7 @@ int main(int argc, char** argv) {
                    "usage: %s [--requests N] [--connect-requests N] [--rounds N] [--tool-runs N]"
                    " [--no-syscalls] [--tool-only]\n"
                    "  N kept-alive requests per run (2000), N requests per run that connect\n"
-                   "  anew (300), alternating rounds per row (5), tool processes per side and\n"
+                   "  anew (300), alternating rounds per row (7), tool processes per side and\n"
                    "  round (20); --no-syscalls skips the strace counts\n",
                    argv[0]);
       return 2;

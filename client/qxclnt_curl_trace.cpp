@@ -60,16 +60,18 @@ const MaskedHttpHeaders& qxMaskedHeaders() {
     if (dladdr(reinterpret_cast<void*>(&qxMaskedHeaders), &self) != 0 && self.dli_fname) {
       dir = self.dli_fname;
       size_t slash = dir.rfind('/');
-      dir = slash == std::string::npos ? std::string() : dir.substr(0, slash + 1);
+      // An absolute directory only: a program's name may be relative.
+      dir = slash == std::string::npos || dir[0] != '/' ? std::string() : dir.substr(0, slash + 1);
     }
     const MaskedHttpHeaders* found = nullptr;
-    for (const std::string& path : {dir + kAceModule, std::string(kAceModule)}) {
-      void* module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-      if (module == nullptr) continue;
+    // Only from there: never through a search path (a run path may name the
+    // working directory).
+    void* module =
+        dir.empty() ? nullptr : dlopen((dir + kAceModule).c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (module != nullptr) {
       auto get =
           reinterpret_cast<const MaskedHttpHeaders* (*)()>(dlsym(module, "qxcurl_masked_headers"));
       found = get != nullptr ? get() : nullptr;
-      if (found != nullptr) break;
     }
     if (found == nullptr) {
       QXLOG(QXLOG_DETAIL, "qxMaskedHeaders")
