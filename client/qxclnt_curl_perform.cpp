@@ -13,7 +13,6 @@
 #include "qx_util.h"
 #include "qx_wnet.h"
 #include "qxclnt_curl.h"
-#include "tls/qx_tls_internal.h"
 #include "websvc_tunnel_router.h"
 
 namespace {
@@ -431,7 +430,6 @@ int QXClientCURL::performCurlOperation() {
     m_responseBody.clear();
 
     const time_t start = T_time();
-    qxTlsShareAttach(*this);
     if (!m_preferredNetworksDisabled) connectToPBXExchange();
     CURLcode rc = T_curl_easy_perform(m_curlHandle);
     while (rc == CURLE_SSL_CONNECT_ERROR && (T_time() - start) < m_connectionTimeout) {

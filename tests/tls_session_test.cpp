@@ -128,6 +128,32 @@ TEST_F(TlsSessionTest, SecondClientObjectResumes) {
   }
 }
 
+// A verdict taken from a revocation cache, as the asynchronous client's.
+class NotRevoked : public QXRevocationCache {
+ public:
+  int lookup(const std::string& /*chainPem*/, bool& isRevoked) override {
+    isRevoked = false;
+    return 0;
+  }
+};
+
+TEST_F(TlsSessionTest, SessionWithoutACheckThatRanIsNeverKept) {
+  ASSERT_TRUE(qxWriteFile(crlFile(), crl(false)));
+  nextSecond();
+  // Accepted on a cached verdict (the cache set after construction, as the
+  // asynchronous client does): no CRL check ran, so the session must not be
+  // kept for others to resume.
+  NotRevoked cache;
+  QXClientCURL c("localhost", emulator().port(), CERT_TYPE_HOST, QXCURL_INSECURE, nullptr, "",
+                 false, false, false, "ECA");
+  c.setSkipCRLDownload();
+  c.m_revocationCache = &cache;
+  ASSERT_EQ(0, c.Get("arvion/ping"));
+  bool resumed = true;
+  EXPECT_EQ(0, get("ECA", &resumed));
+  EXPECT_FALSE(resumed);
+}
+
 TEST_F(TlsSessionTest, ResumedOnlyWhileTheRevocationAnswerHolds) {
   struct Case {
     const char* name;

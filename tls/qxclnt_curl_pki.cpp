@@ -460,6 +460,7 @@ int QXClientCURL::setSkipPeerHostVerification() {
 
 int QXClientCURL::setSkipPeerVerification() {
   m_peerVerificationFlag = false;
+  qxTlsShareAttach(*this);
   return qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION,
                          "QXClientCURL::setSkipPeerVerification");
 }

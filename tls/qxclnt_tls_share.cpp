@@ -8,10 +8,13 @@
 // an earlier one made. libcurl keys sessions by host, port and TLS options
 // inside a share.
 //
-// A resumed session runs no verification callback. For a client whose
-// handshakes check revocation, a session offered for resumption is therefore
-// dropped at handshake start (a full handshake follows, with the check)
-// unless all of these hold: it is younger than kSessionLifetime; no CRL
+// A resumed session runs no verification callback. So, for the external CA,
+// a connection's session is kept only when its leaf passed a CRL check that
+// ran (the verification callback turns the connection's session cache off
+// otherwise), and tickets a resumed connection receives are not kept. And for
+// a client whose handshakes check revocation, a session offered for
+// resumption is dropped at handshake start (a full handshake follows, with
+// the check) unless all of these hold: it is younger than kSessionLifetime; no CRL
 // source (the CRL directory, the certificate map's CRL files, the client's
 // own CRL file) changed since it was made; a current CRL of its certificate's
 // issuer is present (for level 2: every CRL present is current); the client
@@ -129,9 +132,14 @@ CrlView crlView(const std::string& crlFile) {
   return view;
 }
 
-// Why session may not be resumed by c; null when it may.
+// Whether c's handshakes check revocation, so that resuming needs the rule.
+bool checksRevocation(const QXClientCURL& c) {
+  return externalCA(c) && c.m_peerVerificationFlag && c.m_crlCheckLevel != 0;
+}
+
+// Why session may not be resumed by c (a client that checks revocation);
+// null when it may.
 const char* refusal(const QXClientCURL& c, SSL_SESSION* session) {
-  if (!externalCA(c) || !c.m_peerVerificationFlag || c.m_crlCheckLevel == 0) return nullptr;
   if (c.m_revocationCache != nullptr) return "revocation verdicts come from the client's cache";
   thread_local std::string key;
   shareKey(c, key);
@@ -179,10 +187,13 @@ void qxTlsShareAttach(QXClientCURL& c) {
 
 void qxTlsGateSession(SSL* ssl, const QXClientCURL* client) {
   SSL_SESSION* session = SSL_get_session(ssl);
-  if (session == nullptr || client == nullptr) return;
+  if (session == nullptr || client == nullptr || !checksRevocation(*client)) return;
   const char* why = refusal(*client, session);
   if (why == nullptr) {
     QXLOG(QXLOG_PROGRESS, kTag) << "Resuming the TLS session";
+    // Tickets a resumed connection receives are not kept: a session's age
+    // always counts from the handshake that checked the certificate.
+    SSL_CTX_set_session_cache_mode(SSL_get_SSL_CTX(ssl), SSL_SESS_CACHE_OFF);
     return;
   }
   QXLOG(QXLOG_PROGRESS, kTag) << "Not resuming the TLS session: " << why;
