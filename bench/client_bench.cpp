@@ -1,13 +1,23 @@
-// The client's own cost per request next to a bare libcurl easy handle doing
-// the same HTTPS GET against the same emulated master server.
+// What the client costs per request next to raw libcurl doing the same HTTPS
+// GET against the same local nginx, and what the qxcurl tool costs next to
+// curl as a whole process.
 //
-// The parent process makes a temporary install root, starts one emulator and
-// runs every (implementation, scenario) pair in a fresh child process of this
-// executable, so that each pair has its own peak RSS and no pair inherits
-// another's warm heap. The server runs in another process: the child's thread
-// CPU time is the client's alone.
+// The parent starts nginx and, for every (scenario, preferred-network
+// switch) row, runs each side in a fresh child process of this executable,
+// alternating which side goes first, several rounds. Each round gives one
+// ratio; the table shows the median of the rounds with their spread. The
+// child's process CPU time includes every thread of libcurl's; wall time
+// includes nginx, whose own share is small.
+//
+// Counted, not timed: allocations per request (an interposer in
+// bench_util.cpp counts every malloc-family call of the process) and system
+// calls per request (strace -c over two runs of different lengths: the
+// difference divided by the difference in requests).
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -18,25 +28,21 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <map>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "bench_nginx.h"
 #include "bench_util.h"
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
 
 namespace {
 
-const char* const kPingPath = "arvion/ping";
-const char* const kJsonPath = "arvion/security/cacert";  // JSON, needs no token
+const char* const kPath = "arvion/ping";
 
-// A client host's configuration: a little more than the one line tests use,
-// so that the per-request configuration reads see a file of realistic size.
-const char* const kConfig =
+const char* const kConfigCommon =
     "# written by the benchmark\n"
     "SERVER = localhost\n"
     "SERVER = media1.example\n"
@@ -48,23 +54,19 @@ const char* const kConfig =
     "WEB_SERVER_TUNNEL_USE = 2\n"
     "ENABLE_QXCURL_VERBOSE = NO\n"
     "DISABLE_QXCURL_CONNECTIONS = NO\n"
-    "DISABLE_QXCURL_PREFERRED_NETWORKS = NO\n"
     "PREFERRED_NETWORK = 10.0.0.0/8 PROHIBITED\n";
 
-enum class Reuse { KeepAlive, FreshConnection, NewObject };
+enum class Reuse { KeepAlive, Fresh, NewObject };
 
 struct Scenario {
   const char* name;
-  const char* path;
   Reuse reuse;
 };
 
 const Scenario kScenarios[] = {
-    {"ping keep-alive", kPingPath, Reuse::KeepAlive},
-    {"json keep-alive", kJsonPath, Reuse::KeepAlive},
-    {"ping new connection", kPingPath, Reuse::FreshConnection},
-    {"json new connection", kJsonPath, Reuse::FreshConnection},
-    {"ping new object", kPingPath, Reuse::NewObject},
+    {"one client, kept-alive connection", Reuse::KeepAlive},
+    {"one client, new connection per request (resumed TLS)", Reuse::Fresh},
+    {"new client object per request", Reuse::NewObject},
 };
 
 // ---- measurement ----
@@ -86,44 +88,20 @@ long statusKb(const char* key) {
   return -1;
 }
 
-struct Sample {
-  int64_t threadNs = 0;
-  int64_t processNs = 0;
-  int64_t wallNs = 0;
-  QXAllocCounters heap;
-
-  static Sample now() {
-    Sample s;
-    s.heap = qxBenchAllocNow();
-    s.threadNs = clockNs(CLOCK_THREAD_CPUTIME_ID);
-    s.processNs = clockNs(CLOCK_PROCESS_CPUTIME_ID);
-    s.wallNs = clockNs(CLOCK_MONOTONIC);
-    return s;
-  }
-};
-
-// Per-request figures of one child run.
+// Per-request figures of one run (one child, or a batch of tool processes).
 struct Result {
-  int requests = 0;
-  int failures = 0;
-  double threadUs = 0, processUs = 0, wallUs = 0, allocs = 0, bytes = 0;
+  double wallUs = 0, cpuUs = 0, allocs = 0, bytes = 0;
   long peakRssKb = 0;
-  int connections = 0;  // distinct TLS connections the server saw
-  int serverRequests = 0;
 };
 
-// ---- the two implementations ----
+// ---- the two sides ----
 
 size_t appendTo(char* data, size_t size, size_t nmemb, void* out) {
   static_cast<std::string*>(out)->append(data, size * nmemb);
   return size * nmemb;
 }
 
-std::string clientIdHeader() {
-  return "X-Client-ID: QX-CURL-qxcurl_client_bench-" + std::to_string(getpid());
-}
-
-// The options the client itself puts on its handle for this request: peer
+// The options the client itself puts on its handle for such a request: peer
 // and host verification against the trust store, the default headers, body
 // and headers collected into strings.
 class RawRequester {
@@ -131,10 +109,11 @@ class RawRequester {
   RawRequester(const std::string& url, const std::string& caFile, bool fresh) {
     m_handle = curl_easy_init();
     if (m_handle == nullptr) throw 103;
+    std::string id = "X-Client-ID: QX-CURL-qxcurl_client_bench-" + std::to_string(getpid());
     m_headers = curl_slist_append(m_headers, "Accept: application/vnd.arvion+json;version=6.0");
     m_headers =
         curl_slist_append(m_headers, "Content-Type: application/vnd.arvion+json;version=6.0");
-    m_headers = curl_slist_append(m_headers, clientIdHeader().c_str());
+    m_headers = curl_slist_append(m_headers, id.c_str());
     curl_easy_setopt(m_handle, CURLOPT_URL, url.c_str());
     curl_easy_setopt(m_handle, CURLOPT_HTTPGET, 1L);
     curl_easy_setopt(m_handle, CURLOPT_CAINFO, caFile.c_str());
@@ -175,28 +154,25 @@ class RawRequester {
   std::string m_responseHeaders;
 };
 
-// An insecure-session client (no token) trusting the install's trust store.
+// An insecure-session client (no token) trusting the same CA file.
 class ClientRequester {
  public:
-  ClientRequester(int port, const std::string& path, const std::string& caFile, bool fresh)
-      : m_path(path) {
-    m_client.reset(new QXClientCURL("localhost", port, CERT_TYPE_HOST, QXCURL_INSECURE, nullptr, "",
-                                    true, false, false, "QXCA", caFile));
-    if (m_client->setCustomCAPath(caFile, "QXCA") != 0) throw 12;
+  ClientRequester(int port, const std::string& caFile, bool fresh)
+      : m_client("localhost", port, CERT_TYPE_HOST, QXCURL_INSECURE, nullptr, "", true, false,
+                 false, "QXCA", caFile) {
+    if (m_client.setCustomCAPath(caFile, "QXCA") != 0) throw 12;
     if (fresh) {
-      curl_easy_setopt(m_client->m_curlHandle, CURLOPT_FRESH_CONNECT, 1L);
-      curl_easy_setopt(m_client->m_curlHandle, CURLOPT_FORBID_REUSE, 1L);
+      curl_easy_setopt(m_client.m_curlHandle, CURLOPT_FRESH_CONNECT, 1L);
+      curl_easy_setopt(m_client.m_curlHandle, CURLOPT_FORBID_REUSE, 1L);
     }
   }
-
   bool get() {
-    return m_client->Get(m_path) == 0 && m_client->getHttpCode() == 200 &&
-           !m_client->getResponseBody().empty();
+    return m_client.Get(kPath) == 0 && m_client.getHttpCode() == 200 &&
+           !m_client.getResponseBody().empty();
   }
 
  private:
-  std::string m_path;
-  std::unique_ptr<QXClientCURL> m_client;
+  QXClientCURL m_client;
 };
 
 struct ChildArgs {
@@ -208,253 +184,430 @@ struct ChildArgs {
   std::string caFile;
 };
 
-// One request the way the scenario makes it; objects of the keep-alive and
-// fresh-connection scenarios live across calls.
 class Driver {
  public:
-  explicit Driver(const ChildArgs& a) : m_args(a), m_scenario(kScenarios[a.scenario]) {
-    m_url = "https://localhost:" + std::to_string(a.port) + "/" + m_scenario.path;
-    if (m_scenario.reuse != Reuse::NewObject) {
-      bool fresh = m_scenario.reuse == Reuse::FreshConnection;
-      if (raw())
-        m_raw.reset(new RawRequester(m_url, a.caFile, fresh));
-      else
-        m_client.reset(new ClientRequester(a.port, m_scenario.path, a.caFile, fresh));
-    }
+  explicit Driver(const ChildArgs& a) : m_args(a), m_reuse(kScenarios[a.scenario].reuse) {
+    m_url = "https://localhost:" + std::to_string(a.port) + "/" + kPath;
+    if (m_reuse == Reuse::NewObject) return;
+    bool fresh = m_reuse == Reuse::Fresh;
+    if (raw())
+      m_raw = std::make_unique<RawRequester>(m_url, a.caFile, fresh);
+    else
+      m_client = std::make_unique<ClientRequester>(a.port, a.caFile, fresh);
   }
-
   bool once() {
     if (m_raw) return m_raw->get();
     if (m_client) return m_client->get();
     if (raw()) return RawRequester(m_url, m_args.caFile, false).get();
-    return ClientRequester(m_args.port, m_scenario.path, m_args.caFile, false).get();
+    return ClientRequester(m_args.port, m_args.caFile, false).get();
   }
 
  private:
   bool raw() const { return m_args.impl == "raw"; }
   ChildArgs m_args;
-  Scenario m_scenario;
+  Reuse m_reuse;
   std::string m_url;
   std::unique_ptr<RawRequester> m_raw;
   std::unique_ptr<ClientRequester> m_client;
 };
 
 int runChild(const ChildArgs& a) {
-  if (a.scenario < 0 || a.scenario >= static_cast<int>(std::size(kScenarios)) || a.requests < 1)
-    return 2;
+  if (a.scenario < 0 || a.scenario >= static_cast<int>(std::size(kScenarios))) return 2;
   curl_global_init(CURL_GLOBAL_ALL);
   Result r;
+  int failures = 0;
   try {
     Driver d(a);
-    for (int i = 0; i < a.warmup; ++i) {
-      if (!d.once()) ++r.failures;
-    }
-    Sample before = Sample::now();
-    for (int i = 0; i < a.requests; ++i) {
-      if (!d.once()) ++r.failures;
-    }
-    Sample after = Sample::now();
-    double n = a.requests;
-    r.requests = a.requests;
-    r.threadUs = (after.threadNs - before.threadNs) / 1e3 / n;
-    r.processUs = (after.processNs - before.processNs) / 1e3 / n;
-    r.wallUs = (after.wallNs - before.wallNs) / 1e3 / n;
-    r.allocs = (after.heap.calls - before.heap.calls) / n;
-    r.bytes = (after.heap.bytes - before.heap.bytes) / n;
+    for (int i = 0; i < a.warmup; ++i) failures += d.once() ? 0 : 1;
+    QXAllocCounters h0 = qxBenchAllocNow();
+    int64_t cpu0 = clockNs(CLOCK_PROCESS_CPUTIME_ID), wall0 = clockNs(CLOCK_MONOTONIC);
+    for (int i = 0; i < a.requests; ++i) failures += d.once() ? 0 : 1;
+    int64_t cpu1 = clockNs(CLOCK_PROCESS_CPUTIME_ID), wall1 = clockNs(CLOCK_MONOTONIC);
+    QXAllocCounters h1 = qxBenchAllocNow();
+    double n = a.requests > 0 ? a.requests : 1;
+    r.wallUs = (wall1 - wall0) / 1e3 / n;
+    r.cpuUs = (cpu1 - cpu0) / 1e3 / n;
+    r.allocs = (h1.calls - h0.calls) / n;
+    r.bytes = (h1.bytes - h0.bytes) / n;
   } catch (int status) {
     std::fprintf(stderr, "%s: set-up failed with status %d\n", a.impl.c_str(), status);
     return 3;
   }
   r.peakRssKb = statusKb("VmHWM");
-  std::printf("RESULT %d %d %.3f %.3f %.3f %.2f %.1f %ld\n", r.requests, r.failures, r.threadUs,
-              r.processUs, r.wallUs, r.allocs, r.bytes, r.peakRssKb);
+  std::printf("RESULT %d %.3f %.3f %.2f %.1f %ld\n", failures, r.wallUs, r.cpuUs, r.allocs, r.bytes,
+              r.peakRssKb);
   std::fflush(stdout);
-  return r.failures == 0 ? 0 : 1;
+  return failures == 0 ? 0 : 1;
 }
 
 // ---- parent ----
 
 struct Options {
-  int keepAlive = 3000;  // requests per keep-alive run
+  int keepAlive = 2000;  // requests per kept-alive run
   int fresh = 300;       // requests per run that connects each time
-  int rounds = 5;        // runs per pair; the median is reported
+  int rounds = 7;        // alternating rounds per row (at least five for the table)
   int warmup = 20;
+  int toolRuns = 20;      // processes per side and round
+  bool syscalls = true;   // strace available and wanted
+  bool toolOnly = false;  // only the tool against curl
 };
 
-int spawnChild(const std::string& exe, const std::vector<std::string>& args, std::string& out) {
+struct Spawned {
+  int exitCode = -1;
+  std::string out;
+  rusage usage{};
+  int64_t wallNs = 0;
+};
+
+Spawned spawn(const std::vector<std::string>& argv, const std::vector<std::string>& env = {},
+              bool captureStdout = true) {
+  Spawned s;
   int fds[2];
-  if (pipe(fds) != 0) return -1;
+  if (pipe(fds) != 0) return s;
+  int64_t t0 = clockNs(CLOCK_MONOTONIC);
   pid_t pid = fork();
-  if (pid < 0) return -1;
+  if (pid < 0) return s;
   if (pid == 0) {
-    dup2(fds[1], STDOUT_FILENO);
+    if (captureStdout) {
+      dup2(fds[1], STDOUT_FILENO);
+    } else {
+      int devnull = open("/dev/null", O_WRONLY);
+      dup2(devnull, STDOUT_FILENO);
+    }
     close(fds[0]);
     close(fds[1]);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(exe.c_str()));
-    for (const std::string& s : args) argv.push_back(const_cast<char*>(s.c_str()));
-    argv.push_back(nullptr);
-    execv(exe.c_str(), argv.data());
+    for (const std::string& e : env) putenv(const_cast<char*>(e.c_str()));
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
     _exit(127);
   }
   close(fds[1]);
   char buf[4096];
   ssize_t n;
-  while ((n = read(fds[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+  while ((n = read(fds[0], buf, sizeof buf)) > 0) s.out.append(buf, static_cast<size_t>(n));
   close(fds[0]);
   int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+  wait4(pid, &status, 0, &s.usage);
+  s.wallNs = clockNs(CLOCK_MONOTONIC) - t0;
+  s.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+  return s;
 }
 
 bool parseResult(const std::string& text, Result& r) {
   size_t at = text.find("RESULT ");
   if (at == std::string::npos) return false;
   std::istringstream in(text.substr(at + 7));
-  in >> r.requests >> r.failures >> r.threadUs >> r.processUs >> r.wallUs >> r.allocs >> r.bytes >>
-      r.peakRssKb;
-  return !in.fail();
+  int failures = 0;
+  in >> failures >> r.wallUs >> r.cpuUs >> r.allocs >> r.bytes >> r.peakRssKb;
+  return !in.fail() && failures == 0;
 }
 
 double median(std::vector<double> v) {
+  if (v.empty()) return NAN;
   std::sort(v.begin(), v.end());
-  return v.empty() ? 0 : v[v.size() / 2];
+  size_t m = v.size() / 2;
+  return v.size() % 2 ? v[m] : (v[m - 1] + v[m]) / 2;
 }
 
-struct Metric {
-  const char* name;
-  const char* unit;
-  double Result::*field;
-  double target;  // largest acceptable qxcurl/raw ratio; 0 when none is set
-  bool keepAliveOnly;
+// One metric of a row: per-round values of both sides, per-round ratios.
+struct Series {
+  std::vector<double> raw, qx, ratio;
+  void add(double r, double q) {
+    raw.push_back(r);
+    qx.push_back(q);
+    ratio.push_back(r > 0 ? q / r : NAN);
+  }
 };
 
-double rssMiB(const Result& r) { return r.peakRssKb / 1024.0; }
+struct Row {
+  std::string scenario;
+  std::string prefnet;  // "on", "off" or "" (tool row)
+  std::string rawName;
+  Series wall, cpu;
+  double allocRaw = NAN, allocQx = NAN;
+  double sysRaw = NAN, sysQx = NAN;
+  double rssRaw = NAN, rssQx = NAN;  // MiB
+  double target = 1.05;
+};
 
-void printTable(const std::vector<std::pair<std::string, std::pair<Result, Result>>>& rows) {
-  const Metric metrics[] = {
-      {"client CPU", "us", &Result::threadUs, 1.5, true},
-      {"process CPU", "us", &Result::processUs, 0, false},
-      {"wall time", "us", &Result::wallUs, 0, false},
-      {"allocations", "", &Result::allocs, 3.0, true},
-      {"bytes allocated", "B", &Result::bytes, 0, false},
-  };
-  std::printf("\nper request, median of the rounds; qxcurl/raw is the ratio\n");
-  std::printf("%-22s %-16s %12s %12s %10s  %s\n", "scenario", "metric", "raw", "qxcurl",
-              "qxcurl/raw", "target");
-  bool missed = false;
-  for (const auto& row : rows) {
-    const Result& raw = row.second.first;
-    const Result& qx = row.second.second;
-    bool keepAlive = row.first.find("keep-alive") != std::string::npos;
-    for (const Metric& m : metrics) {
-      double a = raw.*m.field, b = qx.*m.field;
-      double ratio = a > 0 ? b / a : NAN;
-      std::string target = "-";
-      if (m.target > 0 && (keepAlive || !m.keepAliveOnly)) {
-        char t[48];
-        bool ok = ratio <= m.target;
-        missed = missed || !ok;
-        std::snprintf(t, sizeof t, "<= %.1fx %s", m.target, ok ? "ok" : "MISSED");
-        target = t;
-      }
-      char va[32], vb[32];
-      std::snprintf(va, sizeof va, "%.1f %s", a, m.unit);
-      std::snprintf(vb, sizeof vb, "%.1f %s", b, m.unit);
-      std::printf("%-22s %-16s %12s %12s %9.2fx  %s\n", row.first.c_str(), m.name, va, vb, ratio,
-                  target.c_str());
-    }
-    std::printf("%-22s %-16s %8.1f MiB %8.1f MiB %9.2fx  -\n", row.first.c_str(), "peak RSS",
-                rssMiB(raw), rssMiB(qx), rssMiB(raw) > 0 ? rssMiB(qx) / rssMiB(raw) : NAN);
-    // What the server saw proves the scenario: one connection for a
-    // keep-alive run, one per request otherwise.
-    std::printf(
-        "%-22s %-16s %12s %12s\n", row.first.c_str(), "conns/requests",
-        (std::to_string(raw.connections) + "/" + std::to_string(raw.serverRequests)).c_str(),
-        (std::to_string(qx.connections) + "/" + std::to_string(qx.serverRequests)).c_str());
+std::string fmtUs(double us) {
+  char b[32];
+  if (us >= 1000)
+    std::snprintf(b, sizeof b, "%.2f ms", us / 1000);
+  else
+    std::snprintf(b, sizeof b, "%.1f us", us);
+  return b;
+}
+
+std::string fmtRatio(const Series& s) {
+  if (s.ratio.empty()) return "-";
+  auto mm = std::minmax_element(s.ratio.begin(), s.ratio.end());
+  char b[64];
+  std::snprintf(b, sizeof b, "%.3fx (%.2f-%.2f)", median(s.ratio), *mm.first, *mm.second);
+  return b;
+}
+
+std::string fmtCount(double v) {
+  if (std::isnan(v)) return "-";
+  char b[32];
+  std::snprintf(b, sizeof b, "%.1f", v);
+  return b;
+}
+
+// System calls of a whole child run as strace -c counts them ("total" line).
+double countSyscalls(const std::string& straceOut) {
+  std::istringstream in(qxReadFile(straceOut));
+  std::string line;
+  double total = NAN;
+  while (std::getline(in, line)) {
+    if (line.find("total") == std::string::npos) continue;
+    std::istringstream f(line);
+    double pct, secs, usecs, calls;
+    if (f >> pct >> secs >> usecs >> calls) total = calls;
   }
+  return total;
+}
+
+bool haveStrace() { return spawn({"strace", "-V"}).exitCode == 0; }
+
+std::string machineLine() {
+  utsname u{};
+  uname(&u);
+  std::string cpu;
+  std::ifstream in("/proc/cpuinfo");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.compare(0, 10, "model name") == 0) {
+      cpu = line.substr(line.find(':') + 2);
+      break;
+    }
+  }
+  double load[3] = {0, 0, 0};
+  getloadavg(load, 3);
+  char b[512];
+  std::snprintf(b, sizeof b, "%s, %ld cores, %s %s, %s, load average %.1f", cpu.c_str(),
+                sysconf(_SC_NPROCESSORS_ONLN), u.sysname, u.release, curl_version(), load[0]);
+  return b;
+}
+
+void printTable(const std::vector<Row>& rows, const Options& o) {
+  std::printf(
+      "\n| scenario | preferred networks | metric | library | raw | ratio (spread) | target |\n");
+  std::printf("|---|---|---|---:|---:|---|---|\n");
+  bool missed = false;
+  for (const Row& r : rows) {
+    const struct {
+      const char* name;
+      const Series* s;
+    } timed[] = {{"wall", &r.wall}, {"CPU", &r.cpu}};
+    for (const auto& t : timed) {
+      double ratio = median(t.s->ratio);
+      bool ok = ratio <= r.target;
+      missed = missed || !ok;
+      std::printf("| %s | %s | %s | %s | %s | %s | <= %.2fx %s |\n", r.scenario.c_str(),
+                  r.prefnet.empty() ? "-" : r.prefnet.c_str(), t.name,
+                  fmtUs(median(t.s->qx)).c_str(), fmtUs(median(t.s->raw)).c_str(),
+                  fmtRatio(*t.s).c_str(), r.target, ok ? "ok" : "MISSED");
+    }
+    if (!std::isnan(r.rssQx)) {
+      bool ok = r.rssQx - r.rssRaw <= 2.0;
+      missed = missed || !ok;
+      std::printf("| %s | %s | peak memory | %.1f MiB | %.1f MiB | %+.1f MiB | <= +2 MiB %s |\n",
+                  r.scenario.c_str(), "-", r.rssQx, r.rssRaw, r.rssQx - r.rssRaw,
+                  ok ? "ok" : "MISSED");
+    }
+  }
+  std::printf(
+      "\nCounted per request (medians of the timed runs; system calls from strace -c):\n\n");
+  std::printf(
+      "| scenario | preferred networks | allocations library / raw | system calls library / raw "
+      "|\n");
+  std::printf("|---|---|---:|---:|\n");
+  for (const Row& r : rows) {
+    if (!r.prefnet.empty())
+      std::printf("| %s | %s | %s / %s | %s / %s |\n", r.scenario.c_str(), r.prefnet.c_str(),
+                  fmtCount(r.allocQx).c_str(), fmtCount(r.allocRaw).c_str(),
+                  fmtCount(r.sysQx).c_str(), fmtCount(r.sysRaw).c_str());
+  }
+  std::printf(
+      "\nMachine: %s. Release build; medians of %d alternating rounds, spread min-max of "
+      "the per-round ratios.\n",
+      machineLine().c_str(), o.rounds);
   std::printf("\n%s\n", missed ? "some targets MISSED" : "all targets met");
 }
 
+struct Env {
+  std::string exe;
+  std::string caFile;
+  std::string rootOn, rootOff;  // install roots: preferred networks on, off
+  int port = 0;
+};
+
+std::vector<std::string> childArgv(const Env& e, const char* impl, int scenario, int requests,
+                                   int warmup) {
+  return {e.exe,
+          "--child",
+          impl,
+          std::to_string(scenario),
+          std::to_string(e.port),
+          std::to_string(requests),
+          std::to_string(warmup),
+          e.caFile};
+}
+
+bool runPair(const Env& e, const Options& o, int scenario, bool prefnet, Row& row) {
+  int n = kScenarios[scenario].reuse == Reuse::KeepAlive ? o.keepAlive : o.fresh;
+  std::vector<std::string> env = {"ARVION_ROOT=" + (prefnet ? e.rootOn : e.rootOff)};
+  std::vector<double> allocRaw, allocQx;
+  for (int round = 0; round < o.rounds; ++round) {
+    const char* order[2] = {"raw", "qxcurl"};
+    if (round % 2) std::swap(order[0], order[1]);
+    Result res[2];
+    for (const char* impl : order) {
+      Spawned s = spawn(childArgv(e, impl, scenario, n, o.warmup), env);
+      Result r;
+      if (s.exitCode != 0 || !parseResult(s.out, r)) {
+        std::fprintf(stderr, "%s / %s: child failed (exit %d)\n", row.scenario.c_str(), impl,
+                     s.exitCode);
+        return false;
+      }
+      res[std::strcmp(impl, "raw") == 0 ? 0 : 1] = r;
+    }
+    row.wall.add(res[0].wallUs, res[1].wallUs);
+    row.cpu.add(res[0].cpuUs, res[1].cpuUs);
+    allocRaw.push_back(res[0].allocs);
+    allocQx.push_back(res[1].allocs);
+  }
+  row.allocRaw = median(allocRaw);
+  row.allocQx = median(allocQx);
+  if (o.syscalls) {
+    // Two lengths; the difference is the per-request count without start-up.
+    const int shortRun = 20, longRun = kScenarios[scenario].reuse == Reuse::KeepAlive ? 220 : 120;
+    for (const char* impl : {"raw", "qxcurl"}) {
+      double calls[2];
+      int lens[2] = {shortRun, longRun};
+      for (int i = 0; i < 2; ++i) {
+        std::string out = e.rootOn + "/strace-" + impl + ".txt";
+        std::vector<std::string> argv = {"strace", "-f", "-c", "-o", out};
+        for (const std::string& a : childArgv(e, impl, scenario, lens[i], o.warmup))
+          argv.push_back(a);
+        Spawned s = spawn(argv, env);
+        calls[i] = s.exitCode == 0 ? countSyscalls(out) : NAN;
+      }
+      double per = (calls[1] - calls[0]) / (longRun - shortRun);
+      (std::strcmp(impl, "raw") == 0 ? row.sysRaw : row.sysQx) = per;
+    }
+  }
+  return true;
+}
+
+// The tool and curl, each started afresh for one GET: start, TLS, exit.
+bool runTool(const Env& e, const Options& o, const std::string& tool, Row& row) {
+  std::string url = "https://localhost:" + std::to_string(e.port) + "/" + kPath;
+  std::vector<std::string> curlArgv = {"curl",   "-s", "-f",        "--cacert",
+                                       e.caFile, "-o", "/dev/null", url};
+  std::vector<std::string> qxArgv = {
+      tool,       "--server", "localhost", "--port", std::to_string(e.port),
+      "--cacert", e.caFile,   "GET",       kPath};
+  std::vector<std::string> env = {"ARVION_ROOT=" + e.rootOn};
+  long rssRaw = 0, rssQx = 0;
+  for (int round = 0; round < o.rounds; ++round) {
+    double wall[2] = {0, 0}, cpu[2] = {0, 0};
+    for (int i = 0; i < o.toolRuns; ++i) {
+      // Alternate within the round as well: a pair at a time.
+      for (int k = 0; k < 2; ++k) {
+        int side = (round + i + k) % 2;  // 0 curl, 1 qxcurl
+        Spawned s = spawn(side == 0 ? curlArgv : qxArgv, env, false);
+        if (s.exitCode != 0) {
+          std::fprintf(stderr, "%s exited with %d\n", side == 0 ? "curl" : "qxcurl", s.exitCode);
+          return false;
+        }
+        wall[side] += s.wallNs / 1e3;
+        cpu[side] += (s.usage.ru_utime.tv_sec + s.usage.ru_stime.tv_sec) * 1e6 +
+                     s.usage.ru_utime.tv_usec + s.usage.ru_stime.tv_usec;
+        long& rss = side == 0 ? rssRaw : rssQx;
+        rss = std::max(rss, s.usage.ru_maxrss);
+      }
+    }
+    row.wall.add(wall[0] / o.toolRuns, wall[1] / o.toolRuns);
+    row.cpu.add(cpu[0] / o.toolRuns, cpu[1] / o.toolRuns);
+  }
+  row.rssRaw = rssRaw / 1024.0;
+  row.rssQx = rssQx / 1024.0;
+  return true;
+}
+
 int runParent(const std::string& exe, const Options& o) {
-  QXTestRoot root;
-  if (!root.ok()) {
-    std::fprintf(stderr, "cannot make a test root: %s\n", root.error().c_str());
+  QXTestRoot rootOn, rootOff;
+  if (!rootOn.ok() || !rootOff.ok()) {
+    std::fprintf(stderr, "cannot make a test root: %s%s\n", rootOn.error().c_str(),
+                 rootOff.error().c_str());
     return 1;
   }
-  if (!root.writeConfig(kConfig) || !qxBenchAgeFile(root.path("arvion/arvion.conf"))) {
+  std::string off = std::string(kConfigCommon) + "DISABLE_QXCURL_PREFERRED_NETWORKS = YES\n";
+  if (!rootOn.writeConfig(kConfigCommon) || !rootOff.writeConfig(off) ||
+      !qxBenchAgeFile(rootOn.path("arvion/arvion.conf")) ||
+      !qxBenchAgeFile(rootOff.path("arvion/arvion.conf"))) {
     std::fprintf(stderr, "cannot write the configuration\n");
     return 1;
   }
-  QXEmulator emulator;
+  std::string ngxDir = rootOn.path("nginx");
+  mkdir(ngxDir.c_str(), 0700);
+  QXBenchNginx nginx;
   std::string error;
-  if (emulator.start(&error) != 0) {
-    std::fprintf(stderr, "cannot start the emulator: %s\n", error.c_str());
+  if (nginx.start(ngxDir, rootOn.pki("qxca/server.pem"), rootOn.pki("qxca/server.key"), &error) !=
+      0) {
+    std::fprintf(stderr, "cannot start nginx: %s\n", error.c_str());
     return 1;
   }
-  const std::string caFile = root.path("var/webtruststore/cacert.pem");
-  std::printf("emulator on port %d, %d keep-alive / %d connecting requests per run, %d rounds%s\n",
-              emulator.port(), o.keepAlive, o.fresh, o.rounds,
+  Env e;
+  e.exe = exe;
+  e.caFile = rootOn.pki("qxca/ca.pem");
+  e.rootOn = rootOn.dir();
+  e.rootOff = rootOff.dir();
+  e.port = nginx.port();
+  Options opt = o;
+  if (opt.syscalls && !haveStrace()) {
+    std::fprintf(stderr, "(strace not found: system calls not counted)\n");
+    opt.syscalls = false;
+  }
+  std::printf("nginx on port %d; %d kept-alive / %d connecting requests per run, %d rounds%s\n",
+              e.port, opt.keepAlive, opt.fresh, opt.rounds,
               qxBenchAllocActive() ? "" : " (allocation counting unavailable)");
   std::fflush(stdout);
 
-  std::vector<std::pair<std::string, std::pair<Result, Result>>> rows;
-  int failures = 0;
-  for (int s = 0; s < static_cast<int>(std::size(kScenarios)); ++s) {
-    const Scenario& sc = kScenarios[s];
-    int n = sc.reuse == Reuse::KeepAlive ? o.keepAlive : o.fresh;
-    std::map<std::string, std::vector<Result>> runs;
-    for (int round = 0; round < o.rounds; ++round) {
-      // Alternate which side goes first so that drift on a shared machine
-      // does not always favour the same one.
-      const char* order[2] = {"raw", "qxcurl"};
-      if (round % 2) std::swap(order[0], order[1]);
-      for (const char* impl : order) {
-        emulator.reset();
-        std::string out;
-        int rc = spawnChild(exe,
-                            {"--child", impl, std::to_string(s), std::to_string(emulator.port()),
-                             std::to_string(n), std::to_string(o.warmup), caFile},
-                            out);
-        Result r;
-        if (rc != 0 || !parseResult(out, r)) {
-          std::fprintf(stderr, "%s / %s: child failed (exit %d)\n", sc.name, impl, rc);
-          ++failures;
-          continue;
-        }
-        std::vector<QXRecordedRequest> seen = emulator.requests();
-        std::set<long long> conns;
-        for (const QXRecordedRequest& q : seen) conns.insert(q.connection);
-        r.connections = static_cast<int>(conns.size());
-        r.serverRequests = static_cast<int>(seen.size());
-        runs[impl].push_back(r);
-      }
+  std::vector<Row> rows;
+  bool ok = true;
+  for (int s = 0; s < static_cast<int>(std::size(kScenarios)) && !opt.toolOnly; ++s) {
+    for (bool prefnet : {true, false}) {
+      Row row;
+      row.scenario = kScenarios[s].name;
+      row.prefnet = prefnet ? "on" : "off";
+      if (runPair(e, opt, s, prefnet, row))
+        rows.push_back(row);
+      else
+        ok = false;
+      std::fprintf(stderr, "done: %s, preferred networks %s\n", row.scenario.c_str(),
+                   row.prefnet.c_str());
     }
-    auto summary = [&](const std::vector<Result>& v) {
-      Result m;
-      if (v.empty()) return m;
-      auto med = [&](double Result::*f) {
-        std::vector<double> x;
-        for (const Result& r : v) x.push_back(r.*f);
-        return median(x);
-      };
-      m.threadUs = med(&Result::threadUs);
-      m.processUs = med(&Result::processUs);
-      m.wallUs = med(&Result::wallUs);
-      m.allocs = med(&Result::allocs);
-      m.bytes = med(&Result::bytes);
-      std::vector<double> rss;
-      for (const Result& r : v) rss.push_back(static_cast<double>(r.peakRssKb));
-      m.peakRssKb = static_cast<long>(median(rss));
-      m.connections = v.back().connections;
-      m.serverRequests = v.back().serverRequests;
-      return m;
-    };
-    rows.push_back({sc.name, {summary(runs["raw"]), summary(runs["qxcurl"])}});
-    std::fprintf(stderr, "done: %s\n", sc.name);
   }
-  printTable(rows);
-  return failures == 0 ? 0 : 1;
+  // The tool sits next to the library in the build tree.
+  std::string tool = exe.substr(0, exe.rfind('/')) + "/../qxcurl";
+  if (access(tool.c_str(), X_OK) == 0) {
+    Row row;
+    row.scenario = "qxcurl tool vs curl, one GET per process";
+    row.target = 1.10;
+    if (runTool(e, opt, tool, row))
+      rows.push_back(row);
+    else
+      ok = false;
+  } else {
+    std::fprintf(stderr, "(tool %s not built: tool row skipped)\n", tool.c_str());
+  }
+  printTable(rows, opt);
+  return ok ? 0 : 1;
 }
 
 int positive(const char* text, const char* what) {
@@ -493,11 +646,20 @@ int main(int argc, char** argv) {
     } else if (arg == "--rounds") {
       o.rounds = positive(value, "--rounds");
       ++i;
+    } else if (arg == "--tool-runs") {
+      o.toolRuns = positive(value, "--tool-runs");
+      ++i;
+    } else if (arg == "--no-syscalls") {
+      o.syscalls = false;
+    } else if (arg == "--tool-only") {
+      o.toolOnly = true;
     } else {
       std::fprintf(stderr,
-                   "usage: %s [--requests N] [--connect-requests N] [--rounds N]\n"
-                   "  N keep-alive requests per run (3000), N requests per run that connect\n"
-                   "  anew (300), runs per pair (5, the median is shown)\n",
+                   "usage: %s [--requests N] [--connect-requests N] [--rounds N] [--tool-runs N]"
+                   " [--no-syscalls] [--tool-only]\n"
+                   "  N kept-alive requests per run (2000), N requests per run that connect\n"
+                   "  anew (300), alternating rounds per row (7), tool processes per side and\n"
+                   "  round (20); --no-syscalls skips the strace counts\n",
                    argv[0]);
       return 2;
     }

@@ -39,10 +39,18 @@ CURLcode (*g_easyPerformer)(CURL*) = nullptr;
 unsigned (*g_sleeper)(unsigned) = nullptr;
 time_t (*g_timeSource)(time_t*) = nullptr;
 
+// Made once per process (again in a forked child, whose pid differs).
 std::string makeClientId() {
-  std::ostringstream os;
-  os << QX_HEADER_X_CLIENT_ID_VALUE << "-" << get_exe_basename() << "-" << getpid();
-  return os.str();
+  static std::mutex mutex;
+  static pid_t pid = -1;
+  static std::string id;
+  std::lock_guard<std::mutex> guard(mutex);
+  if (pid != getpid()) {
+    pid = getpid();
+    id = QX_HEADER_X_CLIENT_ID_VALUE + "-" + get_exe_basename() + "-" +
+         std::to_string(static_cast<long>(pid));
+  }
+  return id;
 }
 
 caLoadType loadTypeFor(const std::string& caType) {
@@ -99,6 +107,8 @@ QXClientCURL::QXClientCURL(const std::string& server, int port, cert_type certTy
       m_reserved(reserved),
       m_skipPKIInfo(skipPKIInfo) {
   const char* tag = "QXClientCURL::QXClientCURL";
+  // One configuration for all of the constructor's decisions.
+  QXConfigSnapshot config;
   std::memset(m_errorBuffer, 0, sizeof(m_errorBuffer));
   m_clientId = makeClientId();
   if (!certPath.empty()) m_certPath = certPath;
@@ -451,6 +461,7 @@ int QXClientCURL::setupAcceptCurlOption(const std::string& value) {
 
 int QXClientCURL::setPostOptions(const std::string& payload) {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::setPostOptions") << "setting curl post options ...";
+  m_methodChanged = true;
   int rc = setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, "POST", "CURLOPT_CUSTOMREQUEST");
   if (rc != 0) return rc;
   m_customRequest = true;
@@ -465,8 +476,10 @@ int QXClientCURL::setPostOptions(const std::string& payload) {
 int QXClientCURL::setHeaderWithToken(const std::string& token) {
   deleteHeaderField("Authorization:");
   addHeaderField("Authorization: ", (m_useBearer ? "Bearer " : "") + token);
-  return setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList),
-                             "CURLOPT_HTTPHEADER");
+  int rc = setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList),
+                               "CURLOPT_HTTPHEADER");
+  if (rc == 0) m_headersOnHandle = m_headerList;
+  return rc;
 }
 
 // ---- callbacks ----
@@ -511,9 +524,16 @@ int QXClientCURL::resetCurl() {
     QXLOG(QXLOG_ERROR, "QXClientCURL::resetCurl") << "Curl initialization failed ...";
     return QX_ERR_CURL_INIT;
   }
+  QXConfigSnapshot config;
   curl_easy_reset(m_curlHandle);
   m_customRequest = false;
+  m_methodChanged = false;
+  m_handleUrl.clear();
+  m_headersOnHandle = nullptr;
   m_socketCallbacksInstalled = false;
+  // The reset dropped the TLS session share too: attach it again below.
+  m_tlsShare = nullptr;
+  m_tlsShareKey.clear();
   // The header list is kept (it carries the negotiated version and token);
   // only the handle options go back to the constructor's.
   curl_slist* headers = m_headerList;

@@ -129,8 +129,13 @@ int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string&
   }
 
   QXLOG(QXLOG_PROGRESS, tag) << "Request not served from cache hence invoking URL: " << url;
-  setCurlOptionLogged(CURLOPT_HTTPGET, 1L, "CURLOPT_HTTPGET");
-  if (m_customRequest) setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, "GET", "CURLOPT_CUSTOMREQUEST");
+  // A handle left as an earlier verb configured it goes back to GET; one
+  // that already is a GET is left alone.
+  if (m_methodChanged || m_customRequest) {
+    setCurlOptionLogged(CURLOPT_HTTPGET, 1L, "CURLOPT_HTTPGET");
+    if (m_customRequest) setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, "GET", "CURLOPT_CUSTOMREQUEST");
+    m_methodChanged = false;
+  }
   int rc = setUrlForPath(path, "Failed to set url, err = ");
   if (rc != 0) return rc;
   const int status = performOperation();

@@ -7,6 +7,7 @@
 #include "client/qxclnt_curl_option.h"
 #include "client/qxclnt_retry.h"
 #include "prefnet/qxclnt_prefnet.h"
+#include "qx_config.h"
 #include "qx_json.h"
 #include "qx_log.h"
 #include "qx_status.h"
@@ -43,12 +44,18 @@ using qxretry::STOP;
 // ---- verbs ----
 
 int QXClientCURL::setUrlForPath(const std::string& path, const char* failText) {
-  std::string url = m_server_url + path;
-  CURLcode rc = curl_easy_setopt(m_curlHandle, CURLOPT_URL, url.c_str());
-  if (rc != CURLE_OK) {
-    m_curlError = rc;
-    QXLOG(QXLOG_ERROR, "setupURL") << failText << curl_easy_strerror(rc);
-    return mapCurlError();
+  // The same URL as the handle's last one is not handed to libcurl again.
+  const size_t n = m_server_url.size();
+  if (m_handleUrl.size() != n + path.size() || m_handleUrl.compare(0, n, m_server_url) != 0 ||
+      m_handleUrl.compare(n, std::string::npos, path) != 0) {
+    m_handleUrl.assign(m_server_url).append(path);
+    CURLcode rc = curl_easy_setopt(m_curlHandle, CURLOPT_URL, m_handleUrl.c_str());
+    if (rc != CURLE_OK) {
+      m_handleUrl.clear();
+      m_curlError = rc;
+      QXLOG(QXLOG_ERROR, "setupURL") << failText << curl_easy_strerror(rc);
+      return mapCurlError();
+    }
   }
   m_requestPath = path;
   return 0;
@@ -76,6 +83,7 @@ int QXClientCURL::Post(const std::string& path, const std::string& payload) {
 // Put and Patch hand libcurl the caller's bytes as they are (no copy, no
 // rewriting), unlike Post.
 int QXClientCURL::setBodyOptions(const char* method, const std::string& payload) {
+  m_methodChanged = true;
   int rc = setCurlOptionLogged(CURLOPT_CUSTOMREQUEST, method, "CURLOPT_CUSTOMREQUEST");
   if (rc != 0) return rc;
   m_customRequest = true;
@@ -120,6 +128,7 @@ int QXClientCURL::Delete(const std::string& path) {
   if (rc != 0) return rc;
   // Drops a body left on the handle by an earlier Post, Put or Patch.
   setCurlOptionLogged(CURLOPT_HTTPGET, 1L, "CURLOPT_HTTPGET");
+  m_methodChanged = true;
   CURLcode crc = curl_easy_setopt(m_curlHandle, CURLOPT_CUSTOMREQUEST, "DELETE");
   if (crc != CURLE_OK) {
     m_curlError = crc;
@@ -177,6 +186,7 @@ int QXClientCURL::PostMultipartFile(const std::string& path, const std::string& 
     curl_easy_setopt(m_curlHandle, CURLOPT_CUSTOMREQUEST, static_cast<char*>(nullptr));
     m_customRequest = false;
   }
+  m_methodChanged = true;
   crc = curl_easy_setopt(m_curlHandle, CURLOPT_MIMEPOST, form);
   if (crc != CURLE_OK) {
     m_curlError = crc;
@@ -329,6 +339,8 @@ int QXClientCURL::decideNextConnectRetryAction(int status, bool tunnelUsed) {
 
 int QXClientCURL::performOperation() {
   const char* tag = "QXClientCURL::performOperation";
+  // Every decision of this request reads the same configuration.
+  QXConfigSnapshot config;
   m_connectHost = m_server;
   m_tunnelUsed.clear();
   bool localIsServer = wnet_is_server("localhost");
@@ -383,7 +395,12 @@ int QXClientCURL::performCurlOperation() {
   bool renegotiated = false;
   for (;;) {
     m_responseHeaders.clear();
-    setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList), "CURLOPT_HTTPHEADER");
+    // libcurl reads the list at each transfer: only a new list is handed over.
+    if (m_headersOnHandle != m_headerList || m_headerList == nullptr) {
+      if (setCurlOptionLogged(CURLOPT_HTTPHEADER, static_cast<void*>(m_headerList),
+                              "CURLOPT_HTTPHEADER") == 0)
+        m_headersOnHandle = m_headerList;
+    }
     m_responseBody.clear();
 
     const time_t start = T_time();
@@ -418,7 +435,8 @@ int QXClientCURL::performCurlOperation() {
       return status;
     }
 
-    QXLOG(QXLOG_DETAIL, tag) << "HTTP response header : " << mask_jwt(m_responseHeaders);
+    if (qxLogWanted(QXLOG_DETAIL))
+      QXLOG(QXLOG_DETAIL, tag) << "HTTP response header : " << mask_jwt(m_responseHeaders);
     long code = 0;
     CURLcode irc = curl_easy_getinfo(m_curlHandle, CURLINFO_RESPONSE_CODE, &code);
     if (irc != CURLE_OK) {

@@ -1,6 +1,8 @@
 // Verbose wire trace through the product log, with secrets masked.
 #include "client/qxclnt_curl_trace.h"
 
+#include <dlfcn.h>
+
 #include <cctype>
 #include <cstdio>
 
@@ -8,32 +10,8 @@
 #include "qxclnt_curl.h"
 
 namespace {
-const char* const kAllowedHeaders[] = {
-    "Accept",
-    "Accept-Language",
-    "Cache-Control",
-    "Connection",
-    "Content-Disposition",
-    "Content-Type",
-    "Date",
-    "Expires",
-    "Host",
-    "Location",
-    "Strict-Transport-Security",
-    "Transfer-Encoding",
-    "X-Cache-Validity",
-    "X-Client-ID",
-    "X-Content-Type-Options",
-    "X-Frame-Options",
-    "X-Arvion-API-Version",
-    "X-Arvion-Ignore",
-    "X-Arvion-Install-Mode",
-    "X-Request-ID",
-    "X-XSS-Protection",
-    nullptr,
-};
-
 const char* const kTraceTag = "curl_debug_logger()";
+const char* const kAceModule = "libqxcurl-ace.so";
 constexpr size_t kDumpWidth = 64;
 
 bool isNameChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-'; }
@@ -65,7 +43,7 @@ std::string maskHeaderLine(const std::string& line) {
   if (start > 0) {
     // Anything else odd before the colon counts as a header that is not allowed.
     if (isRequestLine(line)) return line;
-  } else if (!MaskedHttpHeadersSingleton::instance()->isMasked(line.substr(0, colon))) {
+  } else if (!qxMaskedHeaders().isMasked(line.substr(0, colon))) {
     return line;
   }
   // Keep the line end so that the dump still breaks lines where the wire did.
@@ -73,12 +51,37 @@ std::string maskHeaderLine(const std::string& line) {
 }
 }  // namespace
 
-MaskedHttpHeaders::MaskedHttpHeaders() {
-  for (const char* const* p = kAllowedHeaders; *p != nullptr; ++p) m_allowed.insert(*p);
-}
-
-bool MaskedHttpHeaders::isMasked(const std::string& name) const {
-  return m_allowed.find(name) == m_allowed.end();
+const MaskedHttpHeaders& qxMaskedHeaders() {
+  static const MaskedHttpHeaders* table = [] {
+    // The module sits next to the library (or next to the program that
+    // has the library linked in).
+    Dl_info self{};
+    std::string dir;
+    if (dladdr(reinterpret_cast<void*>(&qxMaskedHeaders), &self) != 0 && self.dli_fname) {
+      dir = self.dli_fname;
+      size_t slash = dir.rfind('/');
+      // An absolute directory only: a program's name may be relative.
+      dir = slash == std::string::npos || dir[0] != '/' ? std::string() : dir.substr(0, slash + 1);
+    }
+    const MaskedHttpHeaders* found = nullptr;
+    // Only from there: never through a search path (a run path may name the
+    // working directory).
+    void* module =
+        dir.empty() ? nullptr : dlopen((dir + kAceModule).c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (module != nullptr) {
+      auto get =
+          reinterpret_cast<const MaskedHttpHeaders* (*)()>(dlsym(module, "qxcurl_masked_headers"));
+      found = get != nullptr ? get() : nullptr;
+    }
+    if (found == nullptr) {
+      QXLOG(QXLOG_DETAIL, "qxMaskedHeaders")
+          << "ACE module [" << kAceModule << "] not loaded; using the library's own table";
+      static const MaskedHttpHeaders own;
+      found = &own;
+    }
+    return found;
+  }();
+  return *table;
 }
 
 std::string qxMaskTraceHeaders(const char* data, size_t size) {

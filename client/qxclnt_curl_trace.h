@@ -1,25 +1,14 @@
 #ifndef QXCLNT_CURL_TRACE_H
 #define QXCLNT_CURL_TRACE_H
-#include <ace/Recursive_Thread_Mutex.h>
-#include <ace/Singleton.h>
-
 #include <cstddef>
-#include <set>
 #include <string>
 
-// Header names whose values may appear in a trace; every other header's value
-// is masked, so a header nobody thought of stays hidden.
-class MaskedHttpHeaders {
- public:
-  MaskedHttpHeaders();
-  // True when name is not on the allow-list (exact, case-sensitive).
-  bool isMasked(const std::string& name) const;
+#include "client/qxclnt_masked_headers.h"
 
- private:
-  std::set<std::string> m_allowed;
-};
-
-typedef ACE_Singleton<MaskedHttpHeaders, ACE_Recursive_Thread_Mutex> MaskedHttpHeadersSingleton;
+// The process-wide masked-header table: the ACE singleton of the library's
+// ACE module, loaded on first use; a table of the library's own when the
+// module cannot be loaded (the same names).
+const MaskedHttpHeaders& qxMaskedHeaders();
 
 // The text of a trace record after masking: header values that are not
 // allowed become " ***"; the values of JSON members that carry credentials

@@ -56,7 +56,47 @@ FileKey g_cachedKey;
 std::string g_cachedText;
 std::shared_ptr<const QXMasterConfig> g_cached;
 
+// The last look at the file: within a second of it, readers get what it
+// found without looking again.
+constexpr int64_t kFreshNs = 1000000000;
+struct LastLook {
+  std::string path;
+  int64_t atNs = 0;
+  bool valid = false;
+  int status = 0;
+  std::shared_ptr<const QXMasterConfig> cfg;
+};
+LastLook g_lastLook;  // under g_cacheMutex
+int64_t (*g_clock)() = nullptr;
+
+int64_t monotonicNs() {
+  if (g_clock != nullptr) return g_clock();
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+
 thread_local std::shared_ptr<const QXMasterConfig> t_current;
+
+// A request's snapshot: while one is open on a thread, every read there
+// returns the configuration it took.
+struct Pin {
+  int depth = 0;
+  int status = 0;
+  std::shared_ptr<const QXMasterConfig> cfg;
+};
+thread_local Pin t_pin;
+
+// The configuration path, rebuilt only when the install root changes.
+const std::string& configPath() {
+  thread_local std::string root, path;
+  const std::string& now = qxInstallRootRef();
+  if (path.empty() || root != now) {
+    root = now;
+    path = root + "/arvion/arvion.conf";
+  }
+  return path;
+}
 
 long long ns(const struct timespec& ts) {
   return static_cast<long long>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
@@ -172,7 +212,7 @@ std::shared_ptr<const QXMasterConfig> qxParseMasterConfig(const std::string& tex
 
 std::shared_ptr<const QXMasterConfig> qxLoadMasterConfigUnlogged(int* status);
 
-std::string qxMasterConfigPath() { return qxInstallRoot() + "/arvion/arvion.conf"; }
+std::string qxMasterConfigPath() { return configPath(); }
 
 namespace {
 // Hands the configuration's log settings to the logger when the
@@ -200,13 +240,62 @@ const std::shared_ptr<const QXMasterConfig>& pushLogSettings(
 }  // namespace
 
 std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status) {
-  return pushLogSettings(qxLoadMasterConfigUnlogged(status));
+  if (t_pin.depth > 0) {
+    if (status != nullptr) *status = t_pin.status;
+    return t_pin.cfg;
+  }
+  const std::string& path = configPath();
+  const int64_t now = monotonicNs();
+  {
+    std::lock_guard<std::mutex> guard(g_cacheMutex);
+    if (g_lastLook.valid && now - g_lastLook.atNs < kFreshNs && now >= g_lastLook.atNs &&
+        g_lastLook.path == path) {
+      if (status != nullptr) *status = g_lastLook.status;
+      return g_lastLook.cfg;
+    }
+  }
+  int rc = 0;
+  std::shared_ptr<const QXMasterConfig> cfg = pushLogSettings(qxLoadMasterConfigUnlogged(&rc));
+  {
+    std::lock_guard<std::mutex> guard(g_cacheMutex);
+    g_lastLook.path = path;
+    g_lastLook.atNs = now;
+    g_lastLook.status = rc;
+    g_lastLook.cfg = cfg;
+    g_lastLook.valid = true;
+  }
+  if (status != nullptr) *status = rc;
+  return cfg;
+}
+
+void qxConfigChanged() {
+  std::lock_guard<std::mutex> guard(g_cacheMutex);
+  g_lastLook.valid = false;
+}
+
+void qxConfigT_setClock(int64_t (*nowNs)()) {
+  std::lock_guard<std::mutex> guard(g_cacheMutex);
+  g_clock = nowNs;
+  g_lastLook.valid = false;
+}
+
+QXConfigSnapshot::QXConfigSnapshot() {
+  if (t_pin.depth == 0) {
+    int rc = 0;
+    t_pin.cfg = qxLoadMasterConfig(&rc);
+    t_pin.status = rc;
+  }
+  ++t_pin.depth;
+}
+
+QXConfigSnapshot::~QXConfigSnapshot() {
+  if (--t_pin.depth == 0) t_pin.cfg.reset();
 }
 
 std::shared_ptr<const QXMasterConfig> qxLoadMasterConfigUnlogged(int* status) {
   if (status != nullptr) *status = 0;
   FileKey key;
-  key.path = qxMasterConfigPath();
+  key.path = configPath();
   struct stat st;
   if (stat(key.path.c_str(), &st) != 0) {
     if (errno == ENOENT || errno == ENOTDIR) return emptyConfig();
@@ -416,12 +505,8 @@ bool splitTunnelLine(const std::string& line, std::string& host, std::string& tu
 
 }  // namespace
 
-int qxconf_get_info(qxconf_info** info) {
-  if (info == nullptr) return QX_ERR_BAD_ARGUMENT;
-  int status = 0;
-  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(&status);
-  if (status != 0) return status;
-  const QXMasterConfig* c = cfg.get();
+namespace {
+int buildInfo(const QXMasterConfig* c, qxconf_info** info) {
   const char* tag = "qxconf_get_info";
 
   qxconf_info* rec = new (std::nothrow) qxconf_info{};
@@ -470,6 +555,44 @@ int qxconf_get_info(qxconf_info** info) {
   }
   *info = rec;
   return 0;
+}
+}  // namespace
+
+int qxconf_get_info(qxconf_info** info) {
+  if (info == nullptr) return QX_ERR_BAD_ARGUMENT;
+  int status = 0;
+  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(&status);
+  if (status != 0) return status;
+  return buildInfo(cfg.get(), info);
+}
+
+std::shared_ptr<const qxconf_info> qxconf_current_info(int* status) {
+  int rc = 0;
+  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(&rc);
+  if (status != nullptr) *status = rc;
+  if (rc != 0) return nullptr;
+  static std::mutex s_mutex;
+  static std::shared_ptr<const QXMasterConfig> s_cfg;
+  static std::shared_ptr<const qxconf_info> s_info;
+  {
+    std::lock_guard<std::mutex> guard(s_mutex);
+    if (s_info && s_cfg == cfg) return s_info;
+  }
+  // Building logs about bad entries: no lock held.
+  qxconf_info* raw = nullptr;
+  rc = buildInfo(cfg.get(), &raw);
+  if (rc != 0) {
+    if (status != nullptr) *status = rc;
+    return nullptr;
+  }
+  std::shared_ptr<const qxconf_info> info(raw, [](const qxconf_info* p) {
+    qxconf_info* q = const_cast<qxconf_info*>(p);
+    qxconf_free_info(&q);
+  });
+  std::lock_guard<std::mutex> guard(s_mutex);
+  s_cfg = cfg;
+  s_info = info;
+  return info;
 }
 
 void qxconf_free_info(qxconf_info** info) {

@@ -1,5 +1,6 @@
 #ifndef QX_CONFIG_H
 #define QX_CONFIG_H
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,7 +12,12 @@
 struct QXMasterConfig;
 typedef const QXMasterConfig* QXConfigHandle;
 
-// Reads the file afresh (cheaply: unchanged files are not parsed again) and
+// Freshness: the file is looked at (one stat) at most once a second per
+// process; a read within a second of the last look gets what that look
+// found. A changed file is therefore seen within a second, and at once by a
+// process that calls qxConfigChanged() after writing it.
+//
+// Reads the file (cheaply: unchanged files are not parsed again) and
 // makes it this thread's current configuration. 0 on success; 12 when the file
 // exists but cannot be read or is larger than 1 MiB (the current
 // configuration is then empty).
@@ -57,6 +63,27 @@ struct qxconf_info {
 // success; the status of QX_read_master_config on failure (*info untouched).
 int qxconf_get_info(qxconf_info** info);
 void qxconf_free_info(qxconf_info** info);
+// The record of the current configuration, built once per configuration
+// change and shared (read-only); null with *status on failure.
+std::shared_ptr<const qxconf_info> qxconf_current_info(int* status);
+
+// The next read looks at the file again, whatever the last look found.
+void qxConfigChanged();
+// Test seam: the monotonic clock (nanoseconds) of the freshness rule; null
+// restores the system's.
+void qxConfigT_setClock(int64_t (*nowNs)());
+
+// One configuration for one request: while a snapshot lives, every read of
+// the configuration on this thread (qxLoadMasterConfig and everything built
+// on it) returns the configuration the outermost snapshot took, so that the
+// decisions of one request agree and the file is looked at once at most.
+class QXConfigSnapshot {
+ public:
+  QXConfigSnapshot();
+  ~QXConfigSnapshot();
+  QXConfigSnapshot(const QXConfigSnapshot&) = delete;
+  QXConfigSnapshot& operator=(const QXConfigSnapshot&) = delete;
+};
 
 // The path of the master configuration under the current install root.
 std::string qxMasterConfigPath();

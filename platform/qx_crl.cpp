@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -344,6 +345,80 @@ QXCurlCrlService* NoQXCurlCrlServiceFactory::createCrlService(cert_type /*certTy
 }
 
 std::string qxCrlDirectory() { return qxInstallRoot() + "/var/crl"; }
+
+namespace {
+// The files of the CRL directory, as the check loads them.
+std::vector<std::string> crlDirectoryFiles(const std::string& dir) {
+  std::vector<std::string> files;
+  if (DIR* d = opendir(dir.c_str())) {
+    while (dirent* e = readdir(d)) {
+      std::string n = e->d_name;
+      if (n == "." || n == ".." || n.find(".tmp.") != std::string::npos) continue;
+      files.push_back(dir + "/" + n);
+    }
+    closedir(d);
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+void noteStat(const std::string& path, const struct stat& st, QXCrlSourceState& out) {
+  char buf[160];
+  (void)std::snprintf(buf, sizeof buf, "|%lu:%lld:%lld.%ld:%lld.%ld\n",
+                      static_cast<unsigned long>(st.st_ino), static_cast<long long>(st.st_size),
+                      static_cast<long long>(st.st_mtim.tv_sec), st.st_mtim.tv_nsec,
+                      static_cast<long long>(st.st_ctim.tv_sec), st.st_ctim.tv_nsec);
+  out.fingerprint += path;
+  out.fingerprint += buf;
+  out.changedAt = std::max({out.changedAt, st.st_mtim.tv_sec, st.st_ctim.tv_sec});
+}
+}  // namespace
+
+QXCrlSourceState qxCrlSourceState(const std::string& crlFile) {
+  QXCrlSourceState out;
+  std::string dir = qxCrlDirectory();
+  struct stat st;
+  if (stat(dir.c_str(), &st) == 0) {
+    noteStat(dir, st, out);
+    for (const std::string& p : crlDirectoryFiles(dir)) {
+      if (stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+        noteStat(p, st, out);
+        out.files.push_back(p);
+      }
+    }
+  }
+  std::vector<std::string> extra = getConfiguredCrlFiles();
+  if (!crlFile.empty()) extra.push_back(crlFile);
+  for (const std::string& p : extra) {
+    if (stat(p.c_str(), &st) == 0) {
+      noteStat(p, st, out);
+      out.files.push_back(p);
+    } else {
+      out.fingerprint += p + "|missing\n";
+    }
+  }
+  return out;
+}
+
+std::vector<QXCrlSummary> qxCrlSummaries(const std::vector<std::string>& files) {
+  std::vector<QXCrlSummary> out;
+  CrlList crls;
+  for (const std::string& p : files) loadCrlFile(p, crls.crls);
+  for (X509_CRL* c : crls.crls) {
+    QXCrlSummary s;
+    unsigned char* der = nullptr;
+    int len = i2d_X509_NAME(X509_CRL_get_issuer(c), &der);
+    if (len <= 0) continue;
+    s.issuerDer.assign(reinterpret_cast<char*>(der), static_cast<size_t>(len));
+    OPENSSL_free(der);
+    const ASN1_TIME* next = X509_CRL_get0_nextUpdate(c);
+    struct tm tm {};
+    if (next != nullptr && ASN1_TIME_to_tm(next, &tm) == 1) s.nextUpdate = timegm(&tm);
+    out.push_back(std::move(s));
+  }
+  ERR_clear_error();
+  return out;
+}
 
 int qxCrlDownload(const std::string& url, std::string& out, long timeoutSec) {
   static const char tag[] = "qxCrlDownload";

@@ -1,6 +1,8 @@
 #ifndef QX_CRL_H
 #define QX_CRL_H
+#include <ctime>
 #include <string>
+#include <vector>
 
 #include "qx_types.h"
 
@@ -47,4 +49,22 @@ int qxCrlDownload(const std::string& url, std::string& out, long timeoutSec = 5)
 // Directory where CRLs are kept and downloaded CRLs are stored:
 // "<root>/var/crl".
 std::string qxCrlDirectory();
+
+// The files a revocation check with the extra CRL file crlFile (may be
+// empty) would load right now, as seen by stat: for telling whether a verdict
+// reached earlier was reached with the same CRLs.
+struct QXCrlSourceState {
+  std::vector<std::string> files;
+  std::string fingerprint;  // path, inode, size and times of every source
+  time_t changedAt = 0;     // latest modification or change time among the
+                            // sources and the CRL directory itself
+};
+QXCrlSourceState qxCrlSourceState(const std::string& crlFile);
+
+// Issuer (DER) and next update (0: none given) of every CRL in files.
+struct QXCrlSummary {
+  std::string issuerDer;
+  time_t nextUpdate = 0;
+};
+std::vector<QXCrlSummary> qxCrlSummaries(const std::vector<std::string>& files);
 #endif

@@ -4,8 +4,10 @@
 #include <string>
 
 // The install root: "/usr/tarvo" unless ARVION_ROOT names another directory.
-// Read from the environment on every call, so a test can relocate it.
+// Follows the environment on every call, so a test can relocate it.
 std::string qxInstallRoot();
+// The same, without a copy: valid until this thread's next call.
+const std::string& qxInstallRootRef();
 
 // Maps one of the product's fixed paths ("/usr/tarvo/tmp",
 // "/usr/tarvo/var/webtruststore/cacert.pem") to the same suffix under the

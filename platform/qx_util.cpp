@@ -82,7 +82,8 @@ std::string mask_jwt(const std::string& text) {
   return out;
 }
 
-std::string get_exe_basename() {
+namespace {
+std::string readExeBasename() {
   char buf[4096];
   ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
   if (n <= 0) return "unknown";
@@ -95,6 +96,13 @@ std::string get_exe_basename() {
   size_t slash = path.rfind('/');
   std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
   return base.empty() ? "unknown" : base;
+}
+}  // namespace
+
+// A process keeps its executable: read once.
+std::string get_exe_basename() {
+  static const std::string base = readExeBasename();
+  return base;
 }
 
 namespace {

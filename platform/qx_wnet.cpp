@@ -372,19 +372,32 @@ const char* wnet_status_name(int status) {
 
 bool wnet_is_server(const char* host) {
   if (host == nullptr) return false;
+  // What the configuration says about this machine, and the machine's name,
+  // worked out once per configuration change (a request asks several times).
+  struct Known {
+    std::shared_ptr<const QXMasterConfig> cfg;
+    std::string me;
+    bool listed = false;
+  };
+  thread_local Known known;
+  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
+  if (!known.cfg || known.cfg != cfg) {
+    known.cfg = cfg;
+    known.me = hostName();
+    bool isServer = false;
+    if (bpconfGetKeyValPairAsBool(cfg.get(), "IS_SERVER", &isServer) == 0 && isServer) {
+      known.listed = true;
+    } else {
+      std::vector<std::string> servers = bpconfGetKeyValues(cfg.get(), "SERVER");
+      known.listed = !servers.empty() && sameHost(servers.front(), known.me);
+    }
+  }
+  if (!known.listed) return false;
+  if (strcasecmp(host, "localhost") == 0) return true;
   std::string h = trim(host);
   if (h.size() > 2 && h.front() == '[' && h.back() == ']') h = h.substr(1, h.size() - 2);
   if (h.empty()) return false;
-  std::string me = hostName();
-  bool thisMachine =
-      strcasecmp(h.c_str(), "localhost") == 0 || sameHost(h, me) || isLocalAddress(h);
-  if (!thisMachine) return false;
-
-  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
-  bool isServer = false;
-  if (bpconfGetKeyValPairAsBool(cfg.get(), "IS_SERVER", &isServer) == 0 && isServer) return true;
-  std::vector<std::string> servers = bpconfGetKeyValues(cfg.get(), "SERVER");
-  return !servers.empty() && sameHost(servers.front(), me);
+  return strcasecmp(h.c_str(), "localhost") == 0 || sameHost(h, known.me) || isLocalAddress(h);
 }
 
 // ---- resolution ----

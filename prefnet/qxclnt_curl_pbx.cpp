@@ -3,14 +3,12 @@
 // callbacks make libcurl use that socket instead of dialling by itself.
 //
 // Keep-alive: libcurl reuses a live connection without asking for a socket,
-// so the exchange does not dial when libcurl will reuse one (it asks libcurl
-// for its last connection and checks that it is idle and open, as libcurl's
-// own reuse test does). If libcurl opens a connection all the same (the
-// server closed it in between, a redirect), the open-socket callback dials
-// the address libcurl proposes, under the same rules. A socket the exchange
+// so the exchange does not dial when libcurl holds one to the same place. If
+// libcurl opens a connection all the same (it found the kept one closed by
+// the server, a redirect), the open-socket callback dials the address
+// libcurl proposes, under the same rules. A socket the exchange
 // connected that libcurl did not take is closed at the next exchange or with
 // the client.
-#include <poll.h>
 #include <strings.h>
 #include <sys/socket.h>
 
@@ -51,17 +49,16 @@ std::string_view exchangeTarget(const QXClientCURL& c, int& port) {
   return bare(c.m_connectHost);
 }
 
-// libcurl's last connection when it goes where this exchange would dial and
-// is idle and open: libcurl will reuse it and ask for no socket. Pending input
-// or a hang-up makes libcurl drop it, and so it does here.
+// libcurl's last connection when it goes where this exchange would dial:
+// libcurl will reuse it and ask for no socket. Whether it is still alive is
+// libcurl's own check; if libcurl finds it dead, it asks the open-socket
+// callback for a new socket, which dials under the same rules.
 curl_socket_t keptConnection(const QXClientCURL& c, std::string_view host, int port) {
   if (port != c.m_pbxPort || host != c.m_pbxHost) return CURL_SOCKET_BAD;
   curl_socket_t s = CURL_SOCKET_BAD;
-  if (curl_easy_getinfo(c.m_curlHandle, CURLINFO_ACTIVESOCKET, &s) != CURLE_OK ||
-      s == CURL_SOCKET_BAD)
+  if (curl_easy_getinfo(c.m_curlHandle, CURLINFO_ACTIVESOCKET, &s) != CURLE_OK)
     return CURL_SOCKET_BAD;
-  struct pollfd p = {s, POLLIN | POLLPRI, 0};
-  return ::poll(&p, 1, 0) == 0 ? s : CURL_SOCKET_BAD;
+  return s;
 }
 
 // Whether the current rules would have dialled connection s as it is: its peer

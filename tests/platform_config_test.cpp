@@ -125,8 +125,41 @@ TEST_F(ConfigTest, ChangedFileIsSeenOnNextRead) {
   ASSERT_EQ(0, QX_read_master_config());
   EXPECT_EQ(Values{"ccc"}, bpconfGetKeyValues(get_master_config_ptr(), "VALUE"));
   unlink(m_root.path("arvion/arvion.conf").c_str());
+  qxConfigChanged();
   ASSERT_EQ(0, QX_read_master_config());
   EXPECT_TRUE(bpconfGetKeyValues(get_master_config_ptr(), "VALUE").empty());
+}
+
+int64_t g_nowNs = 0;
+
+TEST_F(ConfigTest, FileIsLookedAtOnceASecondAndOncePerSnapshot) {
+  qxConfigT_setClock([] { return g_nowNs; });
+  auto value = [] {
+    EXPECT_EQ(0, QX_read_master_config());
+    return bpconfGetKeyValues(get_master_config_ptr(), "VALUE");
+  };
+  auto rewrite = [&](const char* text) {  // as another process would: no qxConfigChanged
+    ASSERT_TRUE(qxWriteFile(m_root.path("arvion/arvion.conf"), text));
+  };
+  read("VALUE = a\n");
+  rewrite("VALUE = b\n");
+  g_nowNs += 999999999;
+  EXPECT_EQ(Values{"a"}, value());  // looked at less than a second ago
+  g_nowNs += 1;
+  EXPECT_EQ(Values{"b"}, value());
+  {
+    QXConfigSnapshot request;
+    rewrite("VALUE = c\n");
+    g_nowNs += 5000000000;
+    qxConfigChanged();
+    EXPECT_EQ(Values{"b"}, value());  // one configuration for the whole request
+    {
+      QXConfigSnapshot nested;
+      EXPECT_EQ(Values{"b"}, value());
+    }
+  }
+  EXPECT_EQ(Values{"c"}, value());
+  qxConfigT_setClock(nullptr);
 }
 
 TEST_F(ConfigTest, UnusableFilesGiveAStatusAndAnEmptyConfiguration) {
@@ -137,6 +170,7 @@ TEST_F(ConfigTest, UnusableFilesGiveAStatusAndAnEmptyConfiguration) {
 
   unlink(m_root.path("arvion/arvion.conf").c_str());
   mkdir(m_root.path("arvion/arvion.conf").c_str(), 0755);
+  qxConfigChanged();
   EXPECT_EQ(12, QX_read_master_config());
   rmdir(m_root.path("arvion/arvion.conf").c_str());
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "qx_config.h"
 #include "qx_lock_file.h"
 #include "qx_status.h"
 #include "qx_test_env.h"
@@ -251,6 +252,7 @@ TEST_F(TunnelRouterTest, ConfigurationReadersAndIterator) {
 
   // Unreadable: the status comes back and the outputs are left alone.
   ASSERT_TRUE(qxWriteFile(m_root.path("arvion/arvion.conf"), std::string((1 << 20) + 1, '#')));
+  qxConfigChanged();
   int value = -7;
   Names list{"kept"};
   std::string master = "master1";

@@ -28,6 +28,16 @@ CURLcode qxcurl_sni_context(CURL* curl, SSL_CTX* ctx, void* client);
 // the marker cannot be attached.
 int qxInstallSniMarker(SSL_CTX* ctx, const std::string& marker);
 
+// TLS sessions shared across the process's clients (qxclnt_tls_share.cpp).
+// A session is resumed under a revocation check for at most this long.
+constexpr long kQXTlsSessionLifetime = 60;
+// Puts the client's handle on the share of clients with the same trust and
+// revocation settings (or on none); cheap when nothing changed.
+void qxTlsShareAttach(QXClientCURL& client);
+// At handshake start: drops the session offered for resumption when
+// resuming it would skip a revocation check whose answer may have changed.
+void qxTlsGateSession(SSL* ssl, const QXClientCURL* client);
+
 // Names a server certificate carries, from libcurl's certificate-info text
 // lines ("Subject:...", "X509v3 Subject Alternative Name:..."): every DNS
 // alternative name, or the common name alone when there is none.

@@ -1,5 +1,6 @@
 // CA type selection and the host's PKI artifacts: which CA a connection
 // trusts and presents, where its files are, and how they reach libcurl.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -184,10 +185,13 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
       mapCurlError();
     }
   }
-  // A resumed TLS session runs no verification callback: where the
-  // revocation check must run, every connection makes a full handshake.
-  qxSetCurlOption(*this, CURLOPT_SSL_SESSIONID_CACHE, isExternalCA(usage) ? 0L : 1L,
-                  "CURLOPT_SSL_SESSIONID_CACHE", QXLOG_OPTION, tag);
+  // Sessions are shared with the process's other clients of the same trust;
+  // a resumed session runs no verification callback, so where a revocation
+  // check must run, the handshake resumes only while the answer holds
+  // (qxclnt_tls_share.cpp).
+  qxSetCurlOption(*this, CURLOPT_SSL_SESSIONID_CACHE, 1L, "CURLOPT_SSL_SESSIONID_CACHE",
+                  QXLOG_OPTION, tag);
+  qxTlsShareAttach(*this);
 
   if (forMutualAuth) {
     qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 1L, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION, tag);
@@ -364,8 +368,21 @@ int QXClientCURL::getTrustedCert(std::string& cert) {
 int QXClientCURL::setTrustedCertInMemory(std::string path) {
   logmsgf(QXLOG_PROGRESS, QXLOG_CATEGORY, "QXClientCURL:::setTrustedCertInMemory",
           "Reading data from file [%s]", path.c_str());
-  if (IsFeatureEnabled_c(1) == 1) return readPEMDataFromFile(path, m_trustedCert);
-  return readDataFromFile(path, m_trustedCert);
+  // The same file, unchanged since this client read it (the constructor's
+  // trust store set again by the caller): no second read.
+  struct stat st;
+  std::string identity;
+  if (stat(path.c_str(), &st) == 0) {
+    identity = path + "|" + std::to_string(st.st_ino) + "|" + std::to_string(st.st_size) + "|" +
+               std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + "|" +
+               std::to_string(IsFeatureEnabled_c(1));
+    if (identity == m_trustedCertSource && !m_trustedCert.empty()) return 0;
+  }
+  m_trustedCertSource.clear();
+  int rc = IsFeatureEnabled_c(1) == 1 ? readPEMDataFromFile(path, m_trustedCert)
+                                      : readDataFromFile(path, m_trustedCert);
+  if (rc == 0) m_trustedCertSource = identity;
+  return rc;
 }
 
 int QXClientCURL::loadPassphraseFromFile(const std::string& path, std::string& passphrase) {
@@ -445,6 +462,7 @@ int QXClientCURL::setSkipPeerHostVerification() {
 int QXClientCURL::setSkipPeerVerification() {
   m_peerVerificationFlag = false;
   m_callerVerifyPeer = 0;
+  qxTlsShareAttach(*this);
   return qxSetCurlOption(*this, CURLOPT_SSL_VERIFYPEER, 0L, "CURLOPT_SSL_VERIFYPEER", QXLOG_OPTION,
                          "QXClientCURL::setSkipPeerVerification");
 }

@@ -46,6 +46,8 @@ int sniIndex() {
 // Runs before the ClientHello is built, after libcurl has set the URL host
 // as server name: the marker replaces it on the wire only. libcurl checks
 // the certificate against the URL host on its own.
+// The same moment serves the resumption rule: a session offered there is
+// dropped when resuming it would skip a revocation check that must run.
 void sniInfoCallback(const SSL* ssl, int where, int /*ret*/) {
   if ((where & SSL_CB_HANDSHAKE_START) == 0) return;
   SSL_CTX* ctx = SSL_get_SSL_CTX(ssl);
@@ -53,6 +55,14 @@ void sniInfoCallback(const SSL* ssl, int where, int /*ret*/) {
   if (ctx == nullptr || idx < 0) return;
   const char* marker = static_cast<const char*>(SSL_CTX_get_ex_data(ctx, idx));
   if (marker != nullptr && *marker != '\0') SSL_set_tlsext_host_name(const_cast<SSL*>(ssl), marker);
+  if (qxclientcurl_sslctx_index >= 0) {
+    try {
+      qxTlsGateSession(const_cast<SSL*>(ssl), static_cast<const QXClientCURL*>(SSL_CTX_get_ex_data(
+                                                  ctx, qxclientcurl_sslctx_index)));
+    } catch (...) {
+      SSL_set_session(const_cast<SSL*>(ssl), nullptr);
+    }
+  }
 }
 
 }  // namespace
@@ -172,12 +182,31 @@ CURLcode setSslContext(SSL_CTX* ctx, void* client) {
     SSL_CTX_set_verify(ctx, SSL_CTX_get_verify_mode(ctx), libqxcurl_verify_callback);
     int rc = register_verify_callback(ctx, client);
     if (rc != CURLE_OK) return CURLE_ABORTED_BY_CALLBACK;
+    // The resumption rule runs at handshake start, marker or not.
+    SSL_CTX_set_info_callback(ctx, sniInfoCallback);
   } else {
     QXLOG(QXLOG_PROGRESS, tag)
         << "Since m_peerVerificationFlag is false, not setting libqxcurl_verify_callback";
   }
   return CURLE_OK;
 }
+
+// Turns the session cache of a connection's context off unless told to keep
+// it: libcurl then never stores that connection's session.
+class SessionKeeper {
+ public:
+  explicit SessionKeeper(SSL_CTX* ctx) : m_ctx(ctx) {}
+  ~SessionKeeper() {
+    if (!m_keep) SSL_CTX_set_session_cache_mode(m_ctx, SSL_SESS_CACHE_OFF);
+  }
+  SessionKeeper(const SessionKeeper&) = delete;
+  SessionKeeper& operator=(const SessionKeeper&) = delete;
+  void keep() { m_keep = true; }
+
+ private:
+  SSL_CTX* m_ctx;
+  bool m_keep = false;
+};
 
 int verifyPeer(int preverify_ok, X509_STORE_CTX* store) {
   SSL* ssl =
@@ -208,7 +237,13 @@ int verifyPeer(int preverify_ok, X509_STORE_CTX* store) {
   int depth = X509_STORE_CTX_get_error_depth(store);
   logmsgf(QXLOG_PROGRESS, QXLOG_CATEGORY, kVerifyTag, "crlCheckLevel = [%d], depth = [%d]",
           static_cast<int>(c->m_crlCheckLevel), depth);
-  if (depth != 0 || c->m_crlCheckLevel == 0) return 1;
+  if (depth != 0) return 1;
+  // From here the leaf is accepted either after a CRL check that ran and
+  // passed, or on a weaker ground (no check, a cached verdict, a check that
+  // could not be done). Only the first may be resumed later without the
+  // check: on any other, this connection's session is not kept at all.
+  SessionKeeper keeper(ctx);
+  if (c->m_crlCheckLevel == 0) return 1;
 
   char* pem = getPEMStrFromX509_sk(X509_STORE_CTX_get0_chain(store));
   if (pem == nullptr) {
@@ -284,6 +319,7 @@ int verifyPeer(int preverify_ok, X509_STORE_CTX* store) {
     return 0;
   }
   QXLOG(QXLOG_PROGRESS, kVerifyTag) << "Peer certificate is not revoked";
+  keeper.keep();
   return 1;
 }
 
@@ -311,17 +347,20 @@ void QXClientCURL::DisableCrlCheck() {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::DisableCrlCheck")
       << "Disabling CRL check by setting m_crlCheckLevel to DISABLE";
   m_crlCheckLevel = 0;
+  qxTlsShareAttach(*this);  // the share of clients with these settings
 }
 
 void QXClientCURL::setSkipCRLDownload() {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::setSkipCRLDownload") << "skipping CRL Download";
   m_crlDownload = false;
+  qxTlsShareAttach(*this);  // the share of clients with these settings
 }
 
 void QXClientCURL::allowConnectionWithFailedCRLCheck() {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::allowConnectionWithFailedCRLCheck")
       << "allowing the ssl connection even if CRL check fails";
   m_allowFailedCrlCheck = true;
+  qxTlsShareAttach(*this);  // the share of clients with these settings
 }
 
 bool QXClientCURL::getServerCertInfo(curl_certinfo** certInfo) {

@@ -6,21 +6,22 @@
 
 #include "qx_config.h"
 #include "qx_log.h"
+#include "qx_status.h"
 
 namespace {
 
-// Every reader: fetch the record, copy out what it needs, release it. A
-// failed fetch is logged under the reader's tag and leaves the outputs alone.
+// Every reader: take the record of the current configuration (built once
+// per configuration change), copy out what it needs. A failed fetch is
+// logged under the reader's tag and leaves the outputs alone.
 template <class Copy>
 int readWebsvcRecord(const char* tag, Copy copy) {
-  qxconf_info* info = nullptr;
-  int rc = qxconf_get_info(&info);
-  if (rc != 0) {
+  int rc = 0;
+  std::shared_ptr<const qxconf_info> info = qxconf_current_info(&rc);
+  if (!info) {
     QXLOG(QXLOG_ERROR, tag) << "Cannot access master configuration."
                             << "\n";
-    return rc;
+    return rc != 0 ? rc : QX_ERR_NO_MEMORY;
   }
-  std::unique_ptr<qxconf_info*, void (*)(qxconf_info**)> release(&info, qxconf_free_info);
   copy(*info);
   return 0;
 }

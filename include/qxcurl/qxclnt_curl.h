@@ -306,12 +306,13 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   bool getSSLVerifyResult(long* result);
   int extractPeerCertSAN(std::list<std::string>& names);
 
-  std::string m_CACertPath;   // trust store (CA bundle) file
-  std::string m_certPath;     // host X.509 certificate
-  std::string m_keyPath;      // host private key
-  std::string m_passphrase;   // private key passphrase (text, never logged)
-  std::string m_crlPath;      // caller-supplied CRL file
-  std::string m_trustedCert;  // trust store contents, read into memory
+  std::string m_CACertPath;         // trust store (CA bundle) file
+  std::string m_certPath;           // host X.509 certificate
+  std::string m_keyPath;            // host private key
+  std::string m_passphrase;         // private key passphrase (text, never logged)
+  std::string m_crlPath;            // caller-supplied CRL file
+  std::string m_trustedCert;        // trust store contents, read into memory
+  std::string m_trustedCertSource;  // which file (and version of it) m_trustedCert holds
   ca_usage m_caUsage = CA_USAGE_QXCA;
   std::string m_sniName;  // "QXCA", "ECA" or empty
   bool m_isApplianceConnection = false;
@@ -321,6 +322,8 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   bool m_allowFailedCrlCheck = false;
   int m_sslCtxErrorCode = 0;                       // 8787 when the TLS context refused the key
   QXRevocationCache* m_revocationCache = nullptr;  // not owned; set by the async client
+  CURLSH* m_tlsShare = nullptr;  // process-wide TLS session share the handle is on
+  std::string m_tlsShareKey;     // which one (empty: none)
   // ---- end TLS trust and PKI ----
 
   // ---- state ----
@@ -372,8 +375,11 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int m_reserved = 0;
   std::string m_clientId;
   bool m_skipPKIInfo = false;
-  bool m_customRequest = false;  // CURLOPT_CUSTOMREQUEST is set on the handle
-  bool m_versionProbe = false;   // the API-version probe never renegotiates itself
+  bool m_customRequest = false;                    // CURLOPT_CUSTOMREQUEST is set on the handle
+  bool m_methodChanged = false;                    // a verb other than GET configured the handle
+  std::string m_handleUrl;                         // the URL on the handle (reused buffer)
+  struct curl_slist* m_headersOnHandle = nullptr;  // the header list the handle holds
+  bool m_versionProbe = false;  // the API-version probe never renegotiates itself
   bool m_mockTTL = false;
   int m_mockTTLValue = 0;
   // Scope of this client's entries in the cache of web-service results

@@ -242,6 +242,7 @@ class State:
         self.lock = threading.RLock()
         self.api_version = None if args.api_version == "none" else args.api_version
         self.cert_mode = args.cert_mode
+        self.session_tickets = args.session_tickets
         self.token_lifetime = args.token_lifetime
         self.cache_validity = dict(args.cache_validity)
         self.users = dict(args.users)
@@ -537,11 +538,13 @@ class TlsContexts:
         for ca in self.client_cas:
             ctx.load_verify_locations(ca)
         # Without TLS 1.3 tickets every new connection presents the current leaf,
-        # so a certificate-mode switch takes effect at once.
-        ctx.num_tickets = 0
+        # so a certificate-mode switch takes effect at once (--session-tickets:
+        # clients may resume, as against a real server).
+        ctx.num_tickets = 2 if self.state.session_tickets else 0
         # Offered h2 is declined: this server speaks HTTP/1.1 only.
         ctx.set_alpn_protocols(["http/1.1"])
-        ctx.options |= ssl.OP_NO_TICKET
+        if not self.state.session_tickets:
+            ctx.options |= ssl.OP_NO_TICKET
         ctx.sni_callback = self._on_sni
         return ctx
 
@@ -613,6 +616,7 @@ class Connection:
         self.sni = getattr(tls, "qx_sni", None)
         self.subject = format_subject(tls.getpeercert())
         self.tls_version = tls.version()
+        self.resumed = bool(tls.session_reused)
         self.id = self.state.next_connection()
         with self.state.lock:
             self.tunnel_address = self.state.tunnel_peers.get(tuple(peer[:2]))
@@ -754,6 +758,7 @@ class Connection:
                 "tunnelAddress": self.tunnel_address,
                 "connection": self.id,
                 "tlsVersion": self.tls_version,
+                "resumed": self.resumed,
                 "peer": self.peer[0],
             }
         )
@@ -1382,6 +1387,8 @@ def parse_args(argv):
     p.add_argument("--port", type=int, default=0, help="TLS port; 0 picks a free one")
     p.add_argument("--api-version", default="6.0", help='"none" omits X-Arvion-API-Version')
     p.add_argument("--cert-mode", choices=CERT_MODES, default="normal")
+    p.add_argument("--session-tickets", action="store_true",
+                   help="issue TLS session tickets, so that clients can resume")
     p.add_argument("--token-lifetime", type=int, default=3600, help="seconds")
     p.add_argument("--cache-validity", action="append", default=[], metavar="PATH=VALUE")
     p.add_argument("--users", help='JSON file {"user": "password"}')
