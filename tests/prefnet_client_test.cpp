@@ -1,6 +1,7 @@
 // The client connecting through the preferred-network connector, as the
 // emulated master server sees it: source addresses, prohibited addresses never
-// dialled, the switch that turns it off, keep-alive and descriptors.
+// dialled, keep-alive and descriptors. (The switch that turns the connector
+// off is client_wire_test's: libcurl then resolves the name itself.)
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -103,37 +104,6 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   EXPECT_EQ(baseline, fdCount());
   c.reset();
   EXPECT_GT(baseline, fdCount());  // the client's connection is closed with it
-}
-
-TEST_F(PrefnetClientTest, RulesAsTheServerSeesThemAndTheSwitch) {
-  struct Case {
-    const char* name;
-    std::string conf;
-    const char* peer;  // nullptr: anything but the rule's source
-  } cases[] = {
-      {"rule applied", std::string("PREFERRED_NETWORK = 127.0.1.0/24 ONLY ") + kSource + "\n",
-       kSource},
-      {"switch set",
-       std::string("PREFERRED_NETWORK = 127.0.1.0/24 ONLY ") + kSource +
-           "\nDISABLE_QXCURL_PREFERRED_NETWORKS = YES\n",
-       nullptr},
-  };
-  for (const Case& k : cases) {
-    SCOPED_TRACE(k.name);
-    config(k.conf);
-    ASSERT_EQ(0, emulator().reset());
-    QXLogCapture log;
-    auto c = client(kServerAddress);
-    ASSERT_EQ(0, c->Get("arvion/ping"));
-    std::vector<QXRecordedRequest> seen = emulator().requests();
-    ASSERT_EQ(1u, seen.size());
-    if (k.peer != nullptr) {
-      EXPECT_EQ(k.peer, seen[0].peer);
-    } else {
-      EXPECT_NE(kSource, seen[0].peer);
-      EXPECT_FALSE(log.contains("Connecting to [")) << log.dump();
-    }
-  }
 }
 
 TEST_F(PrefnetClientTest, ProhibitedAddressIsNeverDialled) {
