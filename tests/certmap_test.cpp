@@ -103,12 +103,9 @@ TEST_F(CertMapTest, SupportedCAAndArtifacts) {
   EXPECT_EQ(12, getCertDataByCAtypeExEx(info, CA_USAGE_QXCA, 1, 0, &data));
 }
 
-TEST_F(CertMapTest, ModeTrustVersionAndModificationTime) {
-  int mode = -1;
-  EXPECT_EQ(0, getCAModeByServer(CERT_TYPE_HOST, "master1", &mode));
-  EXPECT_EQ(0, mode);
-  EXPECT_EQ(12, getCAModeByServer(CERT_TYPE_HOST, "eca-listed-only", &mode));
-
+// The CA mode and the certificate's time feed the token refresh rules and are
+// proven there (token_cert_test); the trust version is compared as a number.
+TEST_F(CertMapTest, TrustVersionIsCurrentOnlyWhenEqual) {
   struct Case {
     const char* server;
     const char* theirs;
@@ -124,39 +121,6 @@ TEST_F(CertMapTest, ModeTrustVersionAndModificationTime) {
     EXPECT_EQ(0, compareTrustVersion(CERT_TYPE_HOST, tc.theirs, tc.server, &current));
     EXPECT_EQ(tc.current, current);
   }
-
-  // The map points into the shared PKI through var/pki: use a private copy.
-  std::string cert = m_root.path("var/own.pem");
-  ASSERT_TRUE(qxWriteFile(cert, qxReadFile(m_root.pki("qxca/host.pem"))));
-  write(R"({"servers": {"m": {"QXCA": {"certificate": ")" + cert + R"("}}}})");
-  struct utimbuf times = {1500000000, 1500000000};
-  ASSERT_EQ(0, utime(cert.c_str(), &times));
-  time_t mtime = 0;
-  EXPECT_EQ(0, getCertModTime(CERT_TYPE_HOST, "m", &mtime));
-  EXPECT_EQ(1500000000, mtime);
-  std::remove(cert.c_str());
-  EXPECT_EQ(12, getCertModTime(CERT_TYPE_HOST, "m", &mtime));
-}
-
-TEST_F(CertMapTest, CertInfoListByType) {
-  certInfo* list = nullptr;
-  ASSERT_EQ(0, getAllCertInfoByType(1, &list));
-  const certInfo* m1 = getTargetMasterCert(list, "MASTER1");
-  ASSERT_NE(nullptr, m1);
-  EXPECT_STREQ("uuid-1", m1->hostUuid);
-  EXPECT_EQ(nullptr, getTargetMasterCert(list, "master2"));  // no own-CA record
-  freeCertInfoList(&list);
-  EXPECT_EQ(nullptr, list);
-
-  ASSERT_EQ(0, getAllCertInfoByType(2, &list));
-  ASSERT_NE(nullptr, getTargetMasterCert(list, "master2"));
-  EXPECT_STREQ("uuid-2", getTargetMasterCert(list, "master2")->hostUuid);
-  freeCertInfoList(&list);
-
-  EXPECT_EQ(20, getAllCertInfoByType(3, &list));
-  write("garbage");
-  EXPECT_EQ(7617, getAllCertInfoByType(1, &list));
-  EXPECT_EQ(nullptr, list);
 }
 
 TEST_F(CertMapTest, FileReaders) {

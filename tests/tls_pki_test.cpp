@@ -78,29 +78,6 @@ TEST_F(TlsPkiTest, CATypeDecision) {
   EXPECT_EQ(m_root.path("var/webtruststore/cacert.pem"), getCAFilePath(CERT_TYPE_HOST));
 }
 
-TEST_F(TlsPkiTest, PopulateFillsOnlyEmptyMembers) {
-  writeMap(kBothCAs);
-  auto c = client("ECA");
-  c->m_certPath = "/caller/cert.pem";
-  c->m_passphrase = "caller";
-  c->m_CACertPath.clear();
-  host_cert_data data;
-  std::memset(&data, 0, sizeof data);
-  ca_usage usage = CA_USAGE_ECA;
-  ASSERT_EQ(0, c->getCATypeToUse(CA_LOAD_FORCE_ECA, 0, usage, &data));
-  EXPECT_EQ(0, c->populatePKIArtifacts(usage, data, true));
-  EXPECT_EQ("/caller/cert.pem", c->m_certPath);
-  EXPECT_EQ("caller", c->m_passphrase);
-  EXPECT_EQ(data.keyPath, c->m_keyPath);
-  EXPECT_EQ(data.trustStorePath, c->m_CACertPath);
-
-  // The passphrase comes from the file when the caller gave none.
-  auto d = client("ECA");
-  d->m_passphrase.clear();
-  EXPECT_EQ(0, d->populatePKIArtifacts(usage, data, true));
-  EXPECT_EQ(qxReadFile(m_root.pki("eca/passphrase")), d->m_passphrase + "\n");
-}
-
 TEST_F(TlsPkiTest, MissingArtifacts) {
   writeMap(kBothCAs);
   host_cert_data data;

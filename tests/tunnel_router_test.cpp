@@ -245,10 +245,6 @@ TEST_F(TunnelRouterTest, ConfigurationReadersAndIterator) {
     EXPECT_EQ(c.expected, c.servers);
     EXPECT_EQ(c.logged, m_log.count("to the tunnels' list."));
   }
-  std::ostringstream os;
-  os << Names{"a", "b"};
-  EXPECT_EQ("a, b, ", os.str());
-
   // Unreadable: the status comes back and the outputs are left alone.
   ASSERT_TRUE(qxWriteFile(m_root.path("arvion/arvion.conf"), std::string((1 << 20) + 1, '#')));
   int value = -7;
