@@ -63,7 +63,7 @@ TEST(TokenJsonParse, MembersAreNotConvertedAndReadInOrder) {
   int code = 0;
   std::string message;
   EXPECT_EQ(0, extractErrorFromJSON(R"({"errorCode": 117, "errorMessage": "x"})", code, message));
-  EXPECT_EQ(117, code);
+  EXPECT_EQ(QX_ERR_TOKEN_EXPIRED, code);
   EXPECT_EQ(QX_ERR_BAD_RESPONSE,
             extractErrorFromJSON(R"({"errorCode": "117", "errorMessage": ""})", code, message));
   EXPECT_EQ(QX_ERR_BAD_RESPONSE, extractTrustVersionFromJSON(R"({"trustVersion": 2})", message));
