@@ -17,6 +17,7 @@
 #include "qx_test_process.h"
 #include "qx_webapi.h"
 #include "qxcurl_c.h"
+#include "test_support.h"
 
 namespace {
 
@@ -45,11 +46,6 @@ class CapiTest : public QXEmulatorTest {
   void TearDown() override {
     set_perform_cert_operations_cb(nullptr);
     QXEmulatorTest::TearDown();
-  }
-  size_t count(const std::string& method, const std::string& path) {
-    size_t n = 0;
-    for (const auto& r : emulator().requests()) n += r.method == method && r.path == path;
-    return n;
   }
   std::string jwt(const char* server) {
     char* t = get_machine_jwt(server);
@@ -186,7 +182,7 @@ TEST_F(CExampleTest, Runs) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << qxReadFile(out);
   EXPECT_NE(std::string::npos, qxReadFile(out).find("machine token: obtained"));
   EXPECT_NE(std::string::npos, qxReadFile(out).find("call 2: 8 members, path arvion/config/hosts"));
-  EXPECT_EQ(1u, count("GET", kEcho));
+  EXPECT_EQ(1u, requestCount(emulator(), kEcho, "GET"));
 }
 
 }  // namespace

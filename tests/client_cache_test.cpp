@@ -16,6 +16,7 @@
 #include "qx_test_env.h"
 #include "qx_test_process.h"
 #include "qxclnt_curl.h"
+#include "test_support.h"
 
 namespace {
 
@@ -49,11 +50,7 @@ class ClientCacheTest : public QXEmulatorTest {
   std::string url(const std::string& path) {
     return "https://localhost:" + std::to_string(emulator().port()) + "/" + path;
   }
-  size_t gets(const std::string& path) {
-    size_t n = 0;
-    for (const auto& r : emulator().requests()) n += r.method == "GET" && r.path == path;
-    return n;
-  }
+  size_t gets(const std::string& path) { return requestCount(emulator(), path, "GET"); }
   // The stored entry of path, "" when there is none.
   QXCSCacheEntry stored(const std::string& path, std::string* value = nullptr) {
     QXCSCacheEntry info;

@@ -15,48 +15,15 @@
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
 #include "supplied_token_manager.h"
+#include "test_support.h"
 
 namespace {
 
 const char* const kEchoPath = "arvion/config/hosts";
 
-// A clock the retry logic reads and its sleeps advance, so no test sleeps.
-time_t g_fakeNow = 0;
-time_t fakeTime(time_t* out) {
-  if (out) *out = g_fakeNow;
-  return g_fakeNow;
-}
-unsigned fakeSleep(unsigned seconds) {
-  g_fakeNow += seconds;
-  return 0;
-}
-
-int freePort() {
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof(a);
-  bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-  getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  close(fd);
-  return ntohs(a.sin_port);
-}
-
 class ClientWireTest : public QXEmulatorTest {
  protected:
-  void SetUp() override {
-    QXEmulatorTest::SetUp();
-    if (HasFatalFailure()) return;
-    g_fakeNow = time(nullptr);
-    QXClientCURL::T_setTimeSource(&fakeTime);
-    QXClientCURL::T_setTsleep(&fakeSleep);
-  }
-  void TearDown() override {
-    QXClientCURL::T_setTimeSource(nullptr);
-    QXClientCURL::T_setTsleep(nullptr);
-    QXEmulatorTest::TearDown();
-  }
+  FakeRetryClock m_clock;
 
   // A client for the emulator that trusts the given CA bundle as the own CA.
   std::unique_ptr<QXClientCURL> client(QXCurlSessionType session = QXCURL_INSECURE,
@@ -182,7 +149,8 @@ TEST_F(ClientWireTest, FailuresThatDependOnConfigurationOrBody) {
     if (k.fault503 != nullptr) {
       ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 1, k.fault503));
     }
-    auto c = client(QXCURL_INSECURE, nullptr, "", k.refusedPort ? freePort() : 0, k.server);
+    LoopbackPort refused;
+    auto c = client(QXCURL_INSECURE, nullptr, "", k.refusedPort ? refused.port() : 0, k.server);
     EXPECT_EQ(k.status, c->Get("arvion/ping"));
     EXPECT_EQ(k.fault503 ? 1u : 0u, emulator().requests().size());  // window 0: no retry
   }
@@ -206,34 +174,34 @@ TEST_F(ClientWireTest, ApiVersionRenegotiatedOnce) {
   ASSERT_EQ(0, emulator().addFault(kEchoPath, "status", 5, "{\"status\": 406}"));
   EXPECT_EQ(0, c->Get(kEchoPath));
   EXPECT_EQ(406, c->m_httpCode);
-  EXPECT_EQ(2u, requestsTo(kEchoPath).size());
-  EXPECT_EQ(1u, requestsTo("arvion/ping").size());
+  EXPECT_EQ(2u, requestCount(emulator(), kEchoPath));
+  EXPECT_EQ(1u, requestCount(emulator(), "arvion/ping"));
 }
 
 TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
   auto c = client();
   ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 100));
   c->setConnectRetryTimeout(12);
-  time_t start = g_fakeNow;
+  time_t start = FakeRetryClock::now();
   EXPECT_EQ(8003, c->Get("arvion/ping"));  // the body's errorCode
-  size_t attempts = requestsTo("arvion/ping").size();
+  size_t attempts = requestCount(emulator(), "arvion/ping");
   EXPECT_GE(attempts, 2u);
   EXPECT_LE(attempts, 13u);  // every sleep is at least a second
-  EXPECT_GE(g_fakeNow - start, 12);
+  EXPECT_GE(FakeRetryClock::now() - start, 12);
   EXPECT_FALSE(c->m_retrying);
 
   emulator().reset();
   ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 100));
   c->setConnectRetryTimeout(0);
   EXPECT_EQ(8003, c->Get("arvion/ping"));  // the body's errorCode
-  EXPECT_EQ(1u, requestsTo("arvion/ping").size());
+  EXPECT_EQ(1u, requestCount(emulator(), "arvion/ping"));
 
   // Retries stop as soon as the server answers.
   emulator().reset();
   ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 2));
   c->setConnectRetryTimeout(120);
   EXPECT_EQ(0, c->Get("arvion/ping"));
-  EXPECT_EQ(3u, requestsTo("arvion/ping").size());
+  EXPECT_EQ(3u, requestCount(emulator(), "arvion/ping"));
   EXPECT_EQ("pong\n", c->m_responseBody);
 }
 

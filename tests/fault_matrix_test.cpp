@@ -28,55 +28,16 @@
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
 #include "supplied_token_manager.h"
+#include "test_support.h"
 
 namespace {
 
 // ---- seams: no test sleeps or waits for real ----
 
-time_t g_fakeNow = 0;
-time_t fakeTime(time_t* out) {
-  if (out) *out = g_fakeNow;
-  return g_fakeNow;
-}
-unsigned fakeSleep(unsigned seconds) {
-  g_fakeNow += seconds;
-  return 0;
-}
 time_t g_skew = 0;
 time_t skewedClock() { return time(nullptr) + g_skew; }
 std::vector<int> g_lockSleeps;
 void recordLockSleep(int seconds) { g_lockSleeps.push_back(seconds); }
-
-// A socket bound to a free loopback port. Unlistened, a connect to that port
-// is refused; listening with a full accept queue, the kernel drops further
-// SYNs, so a connect stalls as one to a dead host does.
-class LoopbackPort {
- public:
-  explicit LoopbackPort(bool stalled) : m_fd(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    bind(m_fd, reinterpret_cast<sockaddr*>(&a), len);
-    getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len);
-    m_port = ntohs(a.sin_port);
-    for (int i = 0; stalled && i < 2; ++i) {
-      if (i == 0) listen(m_fd, 0);
-      m_fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-      connect(m_fillers.back(), reinterpret_cast<sockaddr*>(&a), len);
-    }
-  }
-  ~LoopbackPort() {
-    for (int c : m_fillers) close(c);
-    close(m_fd);
-  }
-  int port() const { return m_port; }
-
- private:
-  int m_fd;
-  int m_port = 0;
-  std::vector<int> m_fillers;
-};
 
 // Takes away root's power to ignore file modes for the calling thread, so a
 // directory or file mode refuses root as it refuses anyone else. The
@@ -139,15 +100,7 @@ std::string replaceAll(std::string s, const std::string& from, const std::string
 // sees one attempt.
 class FaultMatrixBase : public QXEmulatorTest {
  protected:
-  void SetUp() override {
-    QXEmulatorTest::SetUp();
-    g_fakeNow = time(nullptr);
-    QXClientCURL::T_setTimeSource(&fakeTime);
-    QXClientCURL::T_setTsleep(&fakeSleep);
-  }
   void TearDown() override {
-    QXClientCURL::T_setTimeSource(nullptr);
-    QXClientCURL::T_setTsleep(nullptr);
     LoginWithCertManager::T_setClock(nullptr);
     QXLockFile::T_setSleeper(nullptr);
     T_setLockWaitLimit(0);
@@ -174,32 +127,11 @@ class FaultMatrixBase : public QXEmulatorTest {
     return c;
   }
 
-  void setEcaCrl(const std::string& crl) {
-    const std::string path = root().path("var/certmap.json");
-    json_error_t err;
-    json_t* map = json_load_file(path.c_str(), 0, &err);
-    ASSERT_NE(nullptr, map) << err.text;
-    const char* key;
-    json_t* entry;
-    json_object_foreach(json_object_get(map, "servers"), key, entry) {
-      json_object_set_new(json_object_get(entry, "ECA"), "crl", json_string(crl.c_str()));
-    }
-    ASSERT_EQ(0, json_dump_file(map, path.c_str(), JSON_INDENT(1)));
-    json_decref(map);
-  }
-
   std::unique_ptr<LoginWithCertManager> manager() {
-    std::ostringstream token, lock;
-    LoginWithCertManager::setJWTFilePaths("localhost", CERT_TYPE_HOST, token, lock, 0);
-    return std::make_unique<LoginWithCertManager>(
-        emulator().port(), CERT_TYPE_HOST, root().path("tmp"), token.str(), lock.str(), true);
+    return certLoginManager(root(), "localhost", emulator().port());
   }
-
-  size_t logins() {
-    size_t n = 0;
-    for (const auto& r : emulator().requests()) n += r.path == "arvion/loginwithcert";
-    return n;
-  }
+  size_t logins() { return loginCount(emulator()); }
+  FakeRetryClock m_clock;
 };
 
 // Port 1556 on a loopback address of each row's own (127.0.4.0/24 belongs to
@@ -235,7 +167,7 @@ TEST_P(FaultMatrixWire, CallerGetsItsStatus) {
     ASSERT_TRUE(root().writeConfig("CRL_CHECK_LEVEL = 1\n"));
     const char* crls[] = {"var/pki/eca/crl.pem", "", "var/corrupt.crl",
                           "var/pki/eca/crl_expired.pem"};
-    setEcaCrl(crls[f.road - EXTERNAL_CA]);
+    setEcaMapMember(root(), "crl", crls[f.road - EXTERNAL_CA]);
   }
   std::unique_ptr<QXTinyproxy> proxy;
   if (f.road == TINYPROXY_REFUSING) {

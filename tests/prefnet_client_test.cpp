@@ -18,6 +18,7 @@
 #include "qx_test_env.h"
 #include "qx_wnet.h"
 #include "qxclnt_curl.h"
+#include "test_support.h"
 
 namespace {
 
@@ -25,15 +26,6 @@ const char kServerAddress[] = "127.0.1.64";
 const char kProhibitedAddress[] = "127.0.1.63";
 const char kSource[] = "127.0.1.62";
 const char kOtherSource[] = "127.0.1.65";
-
-int fdCount() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/fd");
-  if (d == nullptr) return -1;
-  while (readdir(d) != nullptr) ++n;
-  closedir(d);
-  return n;
-}
 
 class PrefnetClientTest : public QXEmulatorTest {
  protected:
@@ -60,12 +52,12 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   auto c = client(kServerAddress);
   QXLogCapture log;
   ASSERT_EQ(0, c->Get("arvion/ping"));
-  int baseline = fdCount();
+  int baseline = openDescriptors();
   for (int i = 1; i < 1000; ++i) {
     ASSERT_EQ(0, c->Get("arvion/ping")) << "request " << i;
     ASSERT_EQ(200, c->getHttpCode());
   }
-  EXPECT_EQ(baseline, fdCount());
+  EXPECT_EQ(baseline, openDescriptors());
   std::set<long long> connections;
   std::vector<QXRecordedRequest> seen = emulator().requests();
   ASSERT_EQ(1000u, seen.size());
@@ -101,9 +93,9 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   EXPECT_EQ(kSource, kept.peer);
   EXPECT_NE(kept.connection, seen.back().connection);
   EXPECT_EQ(kOtherSource, seen.back().peer);
-  EXPECT_EQ(baseline, fdCount());
+  EXPECT_EQ(baseline, openDescriptors());
   c.reset();
-  EXPECT_GT(baseline, fdCount());  // the client's connection is closed with it
+  EXPECT_GT(baseline, openDescriptors());  // the client's connection is closed with it
 }
 
 TEST_F(PrefnetClientTest, ProhibitedAddressIsNeverDialled) {

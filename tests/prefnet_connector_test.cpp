@@ -17,16 +17,9 @@
 
 #include "prefnet/qxclnt_prefnet.h"
 #include "qx_test_env.h"
+#include "test_support.h"
 
 namespace {
-
-int fdCount() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/fd");
-  while (d != nullptr && readdir(d) != nullptr) ++n;
-  if (d != nullptr) closedir(d);
-  return n;
-}
 
 std::string peerOf(int fd) {
   sockaddr_storage sa{};
@@ -188,7 +181,7 @@ TEST_F(ConnectorTest, BlockingWalkTable) {
     wnet_T_setHostAddresses("walk.test", names);
     base += 3;
 
-    int before = fdCount();
+    int before = openDescriptors();
     qxclnt_curl_prefnet conn("walk.test", static_cast<unsigned>(port), c.budget);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(c.status, connectBlocking(conn));
@@ -218,7 +211,7 @@ TEST_F(ConnectorTest, BlockingWalkTable) {
       }
     }
     conn.reset();
-    EXPECT_EQ(before, fdCount()) << "a socket was left open";
+    EXPECT_EQ(before, openDescriptors()) << "a socket was left open";
   }
   wnet_T_setHostAddresses("walk.test", {});
 }
@@ -269,7 +262,7 @@ TEST_F(ConnectorTest, DescriptorsBeyondFdSetSize) {
   Listener good(addr(43, 0), 0);
   ASSERT_NE(0, good.port);
   rules({});
-  int before = fdCount();
+  int before = openDescriptors();
   {
     FdFiller filler(FD_SETSIZE + 8);
     if (!filler.ok) GTEST_SKIP() << "cannot raise RLIMIT_NOFILE above " << FD_SETSIZE;
@@ -282,7 +275,7 @@ TEST_F(ConnectorTest, DescriptorsBeyondFdSetSize) {
     close(fd);
 
     // Non-blocking with the caller's fd_set: refused and closed, nothing written.
-    int during = fdCount();
+    int during = openDescriptors();
     qxclnt_curl_prefnet stepped(addr(43, 0), static_cast<unsigned>(good.port), 10);
     QXLogCapture log;
     int action = 0;
@@ -293,9 +286,9 @@ TEST_F(ConnectorTest, DescriptorsBeyondFdSetSize) {
       EXPECT_EQ(WN_STATUS_FD_SETSIZE, rc);
       EXPECT_TRUE(log.contains("does not fit in a select() set")) << log.dump();
     }
-    EXPECT_EQ(during, fdCount());
+    EXPECT_EQ(during, openDescriptors());
   }
-  EXPECT_EQ(before, fdCount());
+  EXPECT_EQ(before, openDescriptors());
 }
 
 TEST_F(ConnectorTest, BadInput) {

@@ -11,6 +11,7 @@
 
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
+#include "test_support.h"
 
 namespace {
 
@@ -35,25 +36,6 @@ class TlsHandshakeTest : public QXEmulatorTest {
     EXPECT_FALSE(all.empty());
     return all.empty() ? QXRecordedRequest() : all.back();
   }
-
-  // Applies edit to every server entry of the test root's certificate map.
-  void editMap(const std::function<void(json_t*)>& edit) {
-    std::string path = root().path("var/certmap.json");
-    json_error_t err;
-    json_t* map = json_load_file(path.c_str(), 0, &err);
-    ASSERT_NE(nullptr, map) << err.text;
-    const char* key;
-    json_t* entry;
-    json_object_foreach(json_object_get(map, "servers"), key, entry) edit(entry);
-    ASSERT_EQ(0, json_dump_file(map, path.c_str(), JSON_INDENT(1)));
-    json_decref(map);
-  }
-
-  void setEcaMember(const char* member, const std::string& value) {
-    editMap([&](json_t* e) {
-      json_object_set_new(json_object_get(e, "ECA"), member, json_string(value.c_str()));
-    });
-  }
 };
 
 TEST_F(TlsHandshakeTest, ServerNameMarkerFollowsTheCAInUse) {
@@ -76,7 +58,7 @@ TEST_F(TlsHandshakeTest, ServerNameMarkerFollowsTheCAInUse) {
   };
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
-    editMap([&](json_t* e) {
+    editCertMap(root(), [&](json_t* e) {
       json_object_set_new(e, "caSupported", json_loads(tc.supported, 0, nullptr));
     });
     auto c = client(tc.type, tc.caType);
@@ -163,7 +145,7 @@ TEST_F(TlsHandshakeTest, ExternalCARevocationCheck) {
     SCOPED_TRACE(tc.name);
     ASSERT_TRUE(root().writeConfig(std::string("CRL_CHECK_LEVEL = ") + tc.level + "\n"));
     ASSERT_EQ(0, emulator().setConfig(std::string(R"({"certMode": ")") + tc.certMode + "\"}"));
-    setEcaMember("crl", tc.crl);
+    setEcaMapMember(root(), "crl", tc.crl);
     auto c = client(QXCURL_USE_TPCA_CERT);
     if ((tc.switches & DOWNLOAD) == 0) c->setSkipCRLDownload();
     if (tc.switches & ALLOW_FAILED) c->allowConnectionWithFailedCRLCheck();
@@ -187,7 +169,7 @@ TEST_F(TlsHandshakeTest, EveryConnectionIsCheckedForRevocation) {
   ASSERT_EQ(0, fetch(*c));
   curl_easy_setopt(c->m_curlHandle, CURLOPT_FORBID_REUSE, 1L);
   ASSERT_EQ(0, fetch(*c));
-  setEcaMember("crl", "");
+  setEcaMapMember(root(), "crl", "");
   EXPECT_EQ(QX_ERR_CRL_UNAVAILABLE, fetch(*c));
 }
 
@@ -228,8 +210,8 @@ TEST_F(TlsHandshakeTest, KeyLoadingOutcomes) {
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
     ASSERT_TRUE(root().writeConfig(tc.config));
-    setEcaMember("privateKey", tc.key);
-    setEcaMember("passphraseFile", tc.passFile);
+    setEcaMapMember(root(), "privateKey", tc.key);
+    setEcaMapMember(root(), "passphraseFile", tc.passFile);
     auto c = client(QXCURL_USE_TOKEN, "ECA");
     c->m_passphrase = tc.passphrase;
     c->setCurlTLSParams(CA_LOAD_FORCE_ECA, true, false);

@@ -12,6 +12,7 @@
 #include "login_with_cert_manager.h"
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
+#include "test_support.h"
 
 namespace {
 
@@ -19,14 +20,6 @@ constexpr time_t kNow = 1700000000;
 time_t fixedClock() { return kNow; }
 time_t g_skew = 0;
 time_t skewedClock() { return time(nullptr) + g_skew; }
-
-std::unique_ptr<LoginWithCertManager> managerFor(QXTestRoot& root, const std::string& server,
-                                                 int port, bool skipTrust = true) {
-  std::ostringstream token, lock;
-  LoginWithCertManager::setJWTFilePaths(server, CERT_TYPE_HOST, token, lock, 0);
-  return std::make_unique<LoginWithCertManager>(port, CERT_TYPE_HOST, root.path("tmp"), token.str(),
-                                                lock.str(), skipTrust);
-}
 
 TEST(TokenCertNames, FileNamesPerServerTypeAndUser) {
   std::ostringstream t1, l1, t2, l2;
@@ -82,7 +75,7 @@ TEST_F(TokenCertRulesTest, RefreshDecisions) {
       {"external CA ignores cert time", "ext.test", -kNow, 100, 50, QX_JWT_REFRESH_AVOID},
       {"CA mode unknown", "nomap.test", -kNow, 100, 50, QX_JWT_REFRESH_AVOID},
   };
-  auto mgr = managerFor(m_root, "own.test", 443);
+  auto mgr = certLoginManager(m_root, "own.test", 443);
   for (const auto& c : cases) {
     setCertModTime(kNow - c.certModifiedAgo);
     jwtToken t{"tok", kNow - 60, kNow + c.expiresIn, c.failedAgo ? kNow - c.failedAgo : 0};
@@ -113,7 +106,7 @@ TEST_F(TokenCertRulesTest, CacheFileReaderSurvivesDamage) {
       {"binary", std::string("\0\xff\n\x01\n\n", 6), 0600, QX_ERR_FILE_OPEN, 0},
       {"writable by others", "tok\n1\n2\n3\n", 0606, QX_ERR_FILE_OPEN, 0},
   };
-  auto mgr = managerFor(m_root, "own.test", 443);
+  auto mgr = certLoginManager(m_root, "own.test", 443);
   const std::string path = mgr->getTokenFilePath();
   for (const auto& c : cases) {
     ASSERT_TRUE(qxWriteFile(path, c.content));
@@ -133,7 +126,7 @@ TEST_F(TokenCertRulesTest, CacheFileReaderSurvivesDamage) {
 }
 
 TEST_F(TokenCertRulesTest, SaveWritesPrivateFourLineFile) {
-  auto mgr = managerFor(m_root, "own.test", 443);
+  auto mgr = certLoginManager(m_root, "own.test", 443);
   EXPECT_EQ(QX_ERR_BAD_ARGUMENT, mgr->saveNewToken(jwtToken{"", 1, 2, 3}));
   EXPECT_EQ(QX_ERR_BAD_ARGUMENT, mgr->saveNewToken(jwtToken{"a\nb", 1, 2, 3}));
   // A world-writable leftover is replaced, not written through.
@@ -187,13 +180,9 @@ class TokenCertLoginTest : public QXEmulatorTest {
     LoginWithCertManager::T_setClock(nullptr);
     QXEmulatorTest::TearDown();
   }
-  size_t count(const std::string& path) {
-    size_t n = 0;
-    for (const auto& r : emulator().requests()) n += r.path == path;
-    return n;
-  }
+  size_t count(const std::string& path) { return requestCount(emulator(), path); }
   std::unique_ptr<LoginWithCertManager> manager(bool skipTrust = true) {
-    return managerFor(root(), "localhost", emulator().port(), skipTrust);
+    return certLoginManager(root(), "localhost", emulator().port(), skipTrust);
   }
   // Puts the stand-in certificate tool where the library looks for it.
   void installCertTool() {

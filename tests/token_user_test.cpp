@@ -14,6 +14,7 @@
 #include "qx_status.h"
 #include "qx_test_env.h"
 #include "supplied_token_manager.h"
+#include "test_support.h"
 
 namespace {
 
@@ -124,11 +125,7 @@ class TokenUserTest : public QXEmulatorTest {
     return std::make_unique<LoginWithUserTokenManager>(emulator().port(), "unixpwd", "localhost",
                                                        "admin", password, CERT_TYPE_HOST);
   }
-  size_t count(const std::string& path) {
-    size_t n = 0;
-    for (const auto& r : emulator().requests()) n += r.path == path;
-    return n;
-  }
+  size_t count(const std::string& path) { return requestCount(emulator(), path); }
 };
 
 TEST_F(TokenUserTest, LoginStoresSessionForTheNextRun) {

@@ -12,6 +12,7 @@
 #include "qx_status.h"
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
+#include "test_support.h"
 #include "websvc_tunnel_router.h"
 
 namespace {
@@ -28,16 +29,6 @@ enum Role {
   kDrop,         // emulator: closes at once
   kOtherMaster,  // another emulator's tunnel, relaying to itself
 };
-
-time_t g_fakeNow = 0;
-time_t fakeTime(time_t* out) {
-  if (out) *out = g_fakeNow;
-  return g_fakeNow;
-}
-unsigned fakeSleep(unsigned seconds) {
-  g_fakeNow += seconds;
-  return 0;
-}
 
 class TunnelRoadTest : public QXEmulatorTest {
  protected:
@@ -67,16 +58,11 @@ class TunnelRoadTest : public QXEmulatorTest {
   void SetUp() override {
     QXEmulatorTest::SetUp();
     if (HasFatalFailure()) return;
-    g_fakeNow = time(nullptr);
-    QXClientCURL::T_setTimeSource(&fakeTime);
-    QXClientCURL::T_setTsleep(&fakeSleep);
     m_proxy.reset(new QXTinyproxy(addr(kProxy), emulator().port()));
     std::string error;
     ASSERT_EQ(0, m_proxy->start(&error)) << error;
   }
   void TearDown() override {
-    QXClientCURL::T_setTimeSource(nullptr);
-    QXClientCURL::T_setTsleep(nullptr);
     m_proxy.reset();
     QXEmulatorTest::TearDown();
   }
@@ -98,6 +84,7 @@ class TunnelRoadTest : public QXEmulatorTest {
     return n;
   }
 
+  FakeRetryClock m_clock;
   std::unique_ptr<QXTinyproxy> m_proxy;
   QXLogCapture m_log;
 };
