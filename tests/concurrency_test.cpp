@@ -89,20 +89,7 @@ TEST_F(ConcurrencyTest, ProcessesLogInOncePerRefresh) {
 
   auto mgr = certLoginManager(root(), "localhost", emulator().port());
   const std::string out = root().path("tmp/seen");
-  std::vector<pid_t> pids;
-  for (int i = 0; i < kProcesses; ++i) {
-    pid_t pid = fork();
-    if (pid == 0) child(i, *mgr, out);
-    ASSERT_GT(pid, 0);
-    pids.push_back(pid);
-  }
-  int failed = 0;
-  for (pid_t pid : pids) {
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    failed += WEXITSTATUS(status);
-  }
+  const int failed = runChildren(kProcesses, [&](int i) -> int { child(i, *mgr, out); });
   LoginWithCertManager::T_setClock(nullptr);
   pthread_barrier_destroy(&g_shared->barrier);
   munmap(mem, sizeof(Shared));

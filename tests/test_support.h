@@ -8,6 +8,7 @@
 #include <jansson.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -85,6 +86,26 @@ inline void setEcaMapMember(QXTestRoot& root, const char* member, const std::str
   editCertMap(root, [&](json_t* e) {
     json_object_set_new(json_object_get(e, "ECA"), member, json_string(value.c_str()));
   });
+}
+
+// Forks n children running body(i), whose result is the child's exit status;
+// calls started() once all are forked, waits for them and returns the sum of
+// their exit statuses (a child that did not exit counts 100).
+inline int runChildren(
+    int n, const std::function<int(int)>& body, const std::function<void()>& started = [] {}) {
+  std::vector<pid_t> pids;
+  for (int i = 0; i < n; ++i) {
+    pid_t pid = fork();
+    if (pid == 0) _exit(body(i));
+    if (pid > 0) pids.push_back(pid);
+  }
+  started();
+  int sum = static_cast<int>(n - pids.size()) * 100;
+  for (pid_t pid : pids) {
+    int st = 0;
+    sum += waitpid(pid, &st, 0) == pid && WIFEXITED(st) ? WEXITSTATUS(st) : 100;
+  }
+  return sum;
 }
 
 inline int openDescriptors() {
