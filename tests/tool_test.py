@@ -328,6 +328,8 @@ class ToolTest(unittest.TestCase):
         self.assertEqual("Logged in to localhost\n", r.stdout)
         self.assertIn('"password": "***"', r.stderr)  # the body was traced, masked
         self.assertNotIn(PASSWORD, r.stderr)
+        sent = json.loads(self.host.requests("arvion/login")[-1]["body"])
+        self.assertEqual(("localhost", USER), (sent["domainName"], sent["userName"]))  # defaults
         self.host.write_config()
 
         r = self.host.run("--user-session", "GET", "arvion/config/hosts")
