@@ -222,6 +222,7 @@ TEST_F(TokenCertLoginTest, RefusedLoginBacksOffForEveryone) {
   ASSERT_EQ(0, mgr->getLocalToken(cached));
   EXPECT_EQ(token, cached.token);
   EXPECT_EQ(0, cached.tokenLastFailTimeSec);
+  EXPECT_EQ(3600, cached.tokenExpTimeSec - cached.tokenIssueTimeSec);  // the validity answered
 }
 
 TEST_F(TokenCertLoginTest, TrustProcessingRunsOncePerManager) {
