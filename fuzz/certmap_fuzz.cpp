@@ -1,49 +1,12 @@
 // The certificate map parser over arbitrary file contents.
-#include <stdlib.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
+#include "fuzz_scratch.h"
 #include "qx_certmap.h"
 
-namespace {
-
-std::string g_root;
-
-void removeRoot() {
-  std::remove((g_root + "/var/certmap.json").c_str());
-  rmdir((g_root + "/var").c_str());
-  rmdir(g_root.c_str());
-}
-
-const std::string& mapFile() {
-  static const std::string path = [] {
-    // Memory-backed when possible: the map is rewritten for every input.
-    std::string tmpl = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-    tmpl += "/qxcertmap-fuzz-XXXXXX";
-    char* dir = &tmpl[0];
-    if (mkdtemp(dir) == nullptr) abort();
-    g_root = dir;
-    mkdir((g_root + "/var").c_str(), 0700);
-    setenv("ARVION_ROOT", dir, 1);
-    atexit(removeRoot);
-    return g_root + "/var/certmap.json";
-  }();
-  return path;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string& path = mapFile();
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) return 0;
-  std::fwrite(data, 1, size, f);
-  std::fclose(f);
-
+  fuzzWriteScratch("var/certmap.json", data, size);
   certMapInfo info;
   if (getCertMapInfo(CERT_TYPE_HOST, "localhost", info) == 0) {
     host_cert_data hcd{};

@@ -1,50 +1,14 @@
 // Master configuration parser over arbitrary file contents.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "fuzz_scratch.h"
 #include "qx_config.h"
 #include "qx_util.h"
 
-namespace {
-
-std::string g_root;
-
-void removeRoot() {
-  unlink((g_root + "/arvion/arvion.conf").c_str());
-  rmdir((g_root + "/arvion").c_str());
-  rmdir(g_root.c_str());
-}
-
-const std::string& confPath() {
-  if (g_root.empty()) {
-    // tmpfs when there is one: rewriting a file in place on a disk
-    // file system may flush it on every close.
-    char shm[] = "/dev/shm/qxconfig-fuzz-XXXXXX";
-    char tmp[] = "/tmp/qxconfig-fuzz-XXXXXX";
-    char* tmpl = mkdtemp(shm) != nullptr ? shm : mkdtemp(tmp);
-    if (tmpl == nullptr) std::abort();
-    g_root = tmpl;
-    mkdir((g_root + "/arvion").c_str(), 0700);
-    setenv("ARVION_ROOT", g_root.c_str(), 1);
-    std::atexit(removeRoot);
-  }
-  static const std::string path = g_root + "/arvion/arvion.conf";
-  return path;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  const std::string& path = confPath();
-  FILE* f = std::fopen(path.c_str(), "wb");
-  if (f == nullptr) return 0;
-  std::fwrite(data, 1, size, f);
-  std::fclose(f);
+  fuzzWriteScratch("arvion/arvion.conf", data, size);
 
   if (QX_read_master_config() != 0) return 0;
   QXConfigHandle cfg = get_master_config_ptr();

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "client/qxclnt_curl_trace.h"
+#include "qx_status.h"
 #include "qxclnt_curl.h"
 
 namespace {
@@ -34,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string value;
   int rc = c->getHttpHeaderField(field, value);
   if (rc == 0 && value.size() > text.size()) std::abort();
-  if (rc != 0 && rc != 227 && rc != 7610) std::abort();
+  if (rc != 0 && rc != QX_ERR_HEADER_FIELD && rc != QX_ERR_BAD_RESPONSE) std::abort();
   c->getCacheTTLFromAPIHeader();
 
   c->m_responseBody = text;

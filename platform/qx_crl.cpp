@@ -347,14 +347,26 @@ QXCurlCrlService* NoQXCurlCrlServiceFactory::createCrlService(cert_type /*certTy
 std::string qxCrlDirectory() { return qxInstallRoot() + "/var/crl"; }
 
 namespace {
+// A CRL being stored: "<hash>.r0" plus the temporary's ".XXXXXX" (or an
+// older ".tmp.<pid>").
+bool isTemporaryName(const std::string& n) {
+  if (n.find(".tmp.") != std::string::npos) return true;
+  size_t r = n.find(".r");
+  if (r == std::string::npos) return false;
+  size_t end = n.find_first_not_of("0123456789", r + 2);
+  return end != std::string::npos && end > r + 2 && n[end] == '.';
+}
+
 // The files of the CRL directory, as the check loads them.
 std::vector<std::string> crlDirectoryFiles(const std::string& dir) {
   std::vector<std::string> files;
   if (DIR* d = opendir(dir.c_str())) {
     while (dirent* e = readdir(d)) {
       std::string n = e->d_name;
-      if (n == "." || n == ".." || n.find(".tmp.") != std::string::npos) continue;
-      files.push_back(dir + "/" + n);
+      if (n == "." || n == ".." || isTemporaryName(n)) continue;
+      files.push_back(dir);
+      files.back() += '/';
+      files.back() += n;
     }
     closedir(d);
   }

@@ -16,6 +16,7 @@
 #include "qx_test_env.h"
 #include "qx_test_process.h"
 #include "qxclnt_curl.h"
+#include "test_support.h"
 
 namespace {
 
@@ -49,11 +50,7 @@ class ClientCacheTest : public QXEmulatorTest {
   std::string url(const std::string& path) {
     return "https://localhost:" + std::to_string(emulator().port()) + "/" + path;
   }
-  size_t gets(const std::string& path) {
-    size_t n = 0;
-    for (const auto& r : emulator().requests()) n += r.method == "GET" && r.path == path;
-    return n;
-  }
+  size_t gets(const std::string& path) { return requestCount(emulator(), path, "GET"); }
   // The stored entry of path, "" when there is none.
   QXCSCacheEntry stored(const std::string& path, std::string* value = nullptr) {
     QXCSCacheEntry info;
@@ -231,32 +228,24 @@ TEST_F(ClientCacheTest, ManyProcessesMissingOneKeyMakeOneRequest) {
   const int kProcesses = 16;
   int gate[2];
   ASSERT_EQ(0, pipe(gate));
-  std::vector<pid_t> pids;
-  for (int i = 0; i < kProcesses; ++i) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      close(gate[1]);
-      char c;
-      if (read(gate[0], &c, 1) != 0) _exit(2);  // all start when the gate closes
-      int ok = 0;
-      try {
-        auto cl = client();
-        ok = cl->GetWithCache(CACHE_USAGE_READ_UPDATE, kPath, WEBSVC_RESPONSE_JSON, 600) == 0 &&
-             cl->getResponseBody().find(kFresh) != std::string::npos;
-      } catch (...) {
-      }
-      _exit(ok ? 0 : 1);
+  auto body = [&](int) {
+    close(gate[1]);
+    char c;
+    if (read(gate[0], &c, 1) != 0) return 2;  // all start when the gate closes
+    try {
+      auto cl = client();
+      return cl->GetWithCache(CACHE_USAGE_READ_UPDATE, kPath, WEBSVC_RESPONSE_JSON, 600) == 0 &&
+                     cl->getResponseBody().find(kFresh) != std::string::npos
+                 ? 0
+                 : 1;
+    } catch (...) {
+      return 1;
     }
-    pids.push_back(pid);
-  }
-  close(gate[0]);
-  close(gate[1]);
-  for (pid_t pid : pids) {
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << qxDescribeStatus(status);
-  }
+  };
+  EXPECT_EQ(0, runChildren(kProcesses, body, [&] {
+              close(gate[0]);
+              close(gate[1]);
+            }));
   EXPECT_EQ(1u, gets(kPath));
 }
 

@@ -17,6 +17,7 @@
 #include "login_with_cert_manager.h"
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
+#include "test_support.h"
 
 namespace {
 
@@ -47,17 +48,7 @@ bool wellFormed(const std::string& token) {
 
 class ConcurrencyTest : public QXEmulatorTest {
  protected:
-  size_t logins() {
-    size_t n = 0;
-    for (const auto& r : emulator().requests()) n += r.path == "arvion/loginwithcert";
-    return n;
-  }
-  std::unique_ptr<LoginWithCertManager> manager() {
-    std::ostringstream token, lock;
-    LoginWithCertManager::setJWTFilePaths("localhost", CERT_TYPE_HOST, token, lock, 0);
-    return std::make_unique<LoginWithCertManager>(
-        emulator().port(), CERT_TYPE_HOST, root().path("tmp"), token.str(), lock.str(), true);
-  }
+  size_t logins() { return loginCount(emulator()); }
 };
 
 // Child i: kRequests token requests; at the start of every round all
@@ -96,22 +87,9 @@ TEST_F(ConcurrencyTest, ProcessesLogInOncePerRefresh) {
   g_shared->clock = time(nullptr) - 3400;
   LoginWithCertManager::T_setClock(sharedClock);
 
-  auto mgr = manager();
+  auto mgr = certLoginManager(root(), "localhost", emulator().port());
   const std::string out = root().path("tmp/seen");
-  std::vector<pid_t> pids;
-  for (int i = 0; i < kProcesses; ++i) {
-    pid_t pid = fork();
-    if (pid == 0) child(i, *mgr, out);
-    ASSERT_GT(pid, 0);
-    pids.push_back(pid);
-  }
-  int failed = 0;
-  for (pid_t pid : pids) {
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_TRUE(WIFEXITED(status));
-    failed += WEXITSTATUS(status);
-  }
+  const int failed = runChildren(kProcesses, [&](int i) -> int { child(i, *mgr, out); });
   LoginWithCertManager::T_setClock(nullptr);
   pthread_barrier_destroy(&g_shared->barrier);
   munmap(mem, sizeof(Shared));

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "qx_process.h"
+#include "qx_status.h"
 #include "qx_test_env.h"
 
 namespace {
@@ -23,12 +24,12 @@ TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
     int signal;
   } cases[] = {
       {"/bin/true", {}, 0, true, 0, 0},
-      {"/bin/false", {}, 30, true, 1, 0},
-      {"/bin/sh", {"-c", "exit 7"}, 30, true, 7, 0},
-      {"/bin/sh", {"-c", "kill -TERM $$"}, 31, false, -1, SIGTERM},
-      {"/no/such/program", {}, 29, false, -1, 0},
-      {"true", {}, 29, false, -1, 0},  // no PATH search
-      {"", {}, 20, false, -1, 0},
+      {"/bin/false", {}, QX_ERR_CHILD_EXIT, true, 1, 0},
+      {"/bin/sh", {"-c", "exit 7"}, QX_ERR_CHILD_EXIT, true, 7, 0},
+      {"/bin/sh", {"-c", "kill -TERM $$"}, QX_ERR_CHILD_SIGNAL, false, -1, SIGTERM},
+      {"/no/such/program", {}, QX_ERR_EXEC, false, -1, 0},
+      {"true", {}, QX_ERR_EXEC, false, -1, 0},  // no PATH search
+      {"", {}, QX_ERR_BAD_ARGUMENT, false, -1, 0},
   };
   for (const Case& c : cases) {
     QXChildInfo info;
@@ -43,9 +44,9 @@ TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
   ProcessExec::executeCommand("/no/such/program", {}, info);
   EXPECT_EQ(ENOENT, info.spawnErrno);
   EXPECT_NE(std::string::npos,
-            ProcessExec::getErrorReason(29, &info).find("No such file or directory"));
+            ProcessExec::getErrorReason(QX_ERR_EXEC, &info).find("No such file or directory"));
   ProcessExec::executeCommand("/bin/sh", {"-c", "exit 3"}, info);
-  EXPECT_EQ("exited with code 3", ProcessExec::getErrorReason(30, &info));
+  EXPECT_EQ("exited with code 3", ProcessExec::getErrorReason(QX_ERR_CHILD_EXIT, &info));
 }
 
 TEST(ProcessTest, ArgumentsReachTheProgramUntouchedByAShell) {

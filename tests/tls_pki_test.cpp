@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "qx_certmap.h"
+#include "qx_status.h"
 #include "qx_test_env.h"
 #include "qxclnt_curl.h"
 #include "tls/qx_tls_internal.h"
@@ -55,7 +56,7 @@ TEST_F(TlsPkiTest, CATypeDecision) {
       {"forced external CA, map missing", "", CA_LOAD_FORCE_ECA, true, 0, 2, ""},
       {"forced own CA, map prefers external", mapWithSupported(R"(["ECA"])"), CA_LOAD_FORCE_QXCA,
        true, 0, 0, "qxca/host.pem"},
-      {"invalid load type", kBothCAs, 3, true, 20, 1, ""},  // out untouched
+      {"invalid load type", kBothCAs, 3, true, QX_ERR_BAD_ARGUMENT, 1, ""},  // out untouched
   };
   auto c = client();
   for (const auto& tc : cases) {
@@ -76,29 +77,6 @@ TEST_F(TlsPkiTest, CATypeDecision) {
   }
   EXPECT_EQ(m_root.path("var/global/webtruststore/cacert.pem"), getCAFilePath(CERT_TYPE_GLOBAL));
   EXPECT_EQ(m_root.path("var/webtruststore/cacert.pem"), getCAFilePath(CERT_TYPE_HOST));
-}
-
-TEST_F(TlsPkiTest, PopulateFillsOnlyEmptyMembers) {
-  writeMap(kBothCAs);
-  auto c = client("ECA");
-  c->m_certPath = "/caller/cert.pem";
-  c->m_passphrase = "caller";
-  c->m_CACertPath.clear();
-  host_cert_data data;
-  std::memset(&data, 0, sizeof data);
-  ca_usage usage = CA_USAGE_ECA;
-  ASSERT_EQ(0, c->getCATypeToUse(CA_LOAD_FORCE_ECA, 0, usage, &data));
-  EXPECT_EQ(0, c->populatePKIArtifacts(usage, data, true));
-  EXPECT_EQ("/caller/cert.pem", c->m_certPath);
-  EXPECT_EQ("caller", c->m_passphrase);
-  EXPECT_EQ(data.keyPath, c->m_keyPath);
-  EXPECT_EQ(data.trustStorePath, c->m_CACertPath);
-
-  // The passphrase comes from the file when the caller gave none.
-  auto d = client("ECA");
-  d->m_passphrase.clear();
-  EXPECT_EQ(0, d->populatePKIArtifacts(usage, data, true));
-  EXPECT_EQ(qxReadFile(m_root.pki("eca/passphrase")), d->m_passphrase + "\n");
 }
 
 TEST_F(TlsPkiTest, MissingArtifacts) {
@@ -125,7 +103,7 @@ TEST_F(TlsPkiTest, MissingArtifacts) {
   // Mutual auth without a key: 20, after the verification options were set.
   QXLogCapture log;
   c->m_certPath = m_root.pki("eca/host.pem");
-  EXPECT_EQ(20, c->setFSPKIArtifacts(CA_USAGE_ECA, true));
+  EXPECT_EQ(QX_ERR_BAD_ARGUMENT, c->setFSPKIArtifacts(CA_USAGE_ECA, true));
   EXPECT_TRUE(log.contains("Missing PKI artifact(s) Private Key")) << log.dump();
 }
 
@@ -136,9 +114,12 @@ TEST_F(TlsPkiTest, PassphraseFile) {
     int want;
     const char* passphrase;
   } cases[] = {
-      {"CR LF stripped", "abc\r\n", 0, "abc"},     {"CR inside removed", "a\rb\n", 0, "ab"},
-      {"first line only", "one\ntwo\n", 0, "one"}, {"no newline", "xyz", 0, "xyz"},
-      {"empty file", "", 8762, "untouched"},       {"missing file", nullptr, 12, "untouched"},
+      {"CR LF stripped", "abc\r\n", 0, "abc"},
+      {"CR inside removed", "a\rb\n", 0, "ab"},
+      {"first line only", "one\ntwo\n", 0, "one"},
+      {"no newline", "xyz", 0, "xyz"},
+      {"empty file", "", QX_ERR_PASSPHRASE_EMPTY, "untouched"},
+      {"missing file", nullptr, QX_ERR_FILE_NOT_FOUND, "untouched"},
   };
   auto c = client();
   for (const auto& tc : cases) {
@@ -169,24 +150,23 @@ TEST_F(TlsPkiTest, CallerSuppliedArtifacts) {
                     trust = m_root.pki("eca/cacert.pem"), passFile = m_root.pki("eca/passphrase");
   struct Case {
     const char* name;
-    caLoadType load;
     std::string trust, crl, cert, key, pass, passFile;
     int want;
   } cases[] = {
-      {"missing trust store", CA_LOAD_FORCE_ECA, "/nonexistent", "", "", "", "", "", 12},
-      {"missing CRL", CA_LOAD_FORCE_ECA, trust, "/nonexistent", "", "", "", "", 12},
-      {"mutual without key", CA_LOAD_FORCE_ECA, trust, "", cert, "", "", "", 20},
-      {"missing certificate", CA_LOAD_FORCE_ECA, trust, "", "/nonexistent", key, "", "", 12},
-      {"unreadable passphrase file", CA_LOAD_FORCE_ECA, trust, "", cert, key, "", "/nonexistent",
-       12},
-      {"complete", CA_LOAD_FORCE_ECA, trust, "", cert, key, "", passFile, 0},
+      {"missing trust store", "/nonexistent", "", "", "", "", "", QX_ERR_FILE_NOT_FOUND},
+      {"missing CRL", trust, "/nonexistent", "", "", "", "", QX_ERR_FILE_NOT_FOUND},
+      {"mutual without key", trust, "", cert, "", "", "", QX_ERR_BAD_ARGUMENT},
+      {"missing certificate", trust, "", "/nonexistent", key, "", "", QX_ERR_FILE_NOT_FOUND},
+      {"unreadable passphrase file", trust, "", cert, key, "", "/nonexistent",
+       QX_ERR_FILE_NOT_FOUND},
+      {"complete", trust, "", cert, key, "", passFile, 0},
   };
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
     auto c = client();
     c->m_passphrase.clear();
-    EXPECT_EQ(tc.want, c->setAssortedCurlPKIParams(tc.load, tc.trust, true, tc.crl, tc.cert, tc.key,
-                                                   tc.pass, tc.passFile));
+    EXPECT_EQ(tc.want, c->setAssortedCurlPKIParams(CA_LOAD_FORCE_ECA, tc.trust, true, tc.crl,
+                                                   tc.cert, tc.key, tc.pass, tc.passFile));
     if (tc.want == 0) {
       EXPECT_EQ(trust, c->m_CACertPath);
       EXPECT_FALSE(c->m_passphrase.empty());
@@ -203,7 +183,7 @@ TEST_F(TlsPkiTest, CustomCAPathForcesOnlyTheOwnCA) {
   EXPECT_EQ(CA_USAGE_ECA, c->m_caUsage);  // configured: the map's preference
   EXPECT_EQ(0, c->setCustomCAPath(trust, "QXCA"));
   EXPECT_EQ(CA_USAGE_QXCA, c->m_caUsage);
-  EXPECT_EQ(12, c->setCustomCAPath("/nonexistent", "QXCA"));
+  EXPECT_EQ(QX_ERR_FILE_NOT_FOUND, c->setCustomCAPath("/nonexistent", "QXCA"));
 }
 
 TEST(TlsCertInfoTest, NamesFromCertificateText) {

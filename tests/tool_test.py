@@ -182,22 +182,16 @@ class ToolTest(unittest.TestCase):
             (("--data", "@/nonexistent", "PUT", "x"), True, r"cannot read --data file"),
             (("--token", "t", "--user-session", "GET", "x"), True, r"exclude each other"),
             (("--user", "u", "GET", "arvion/ping"), True, r"--user does not apply to METHOD"),
-            (("token", "--data", "x"), True, r"--data does not apply to token"),
             (("logout", "--new"), True, r"--new does not apply to logout"),
-            (("login", "--password-file", "/dev/null"), True, r"login needs --user"),
             (("login", "--user", "u"), True, r"login needs --domain-type"),
             (("token", "extra"), True, r"unexpected argument extra"),
             (("--tunnel", "t", "--no-tunnel", "GET", "x"), True, r"exclude each other"),
-            (("--reset", "GET", "x"), True, r"--reset does not apply to METHOD PATH"),
-            (("tunnels", "--data", "x"), True, r"--data does not apply to tunnels"),
-            (("tunnels", "--server", ""), False, r"--server is required\nqxcurl: status 20: "),
-            # What the library refuses with status 20.
+            # What the library refuses with status 20, from each command.
             (("--server", "", "GET", "arvion/ping"), False,
              r"--server is required\nqxcurl: status 20: "),
-            (("--server", "localhost", "--port", "0", "GET", "arvion/ping"), False,
-             r"--port must be 1 or more\nqxcurl: status 20: "),
             (("--session", "bogus", "GET", "arvion/ping"), True,
              r"bad --session 'bogus'\nqxcurl: status 20: "),
+            (("tunnels", "--server", ""), False, r"--server is required\nqxcurl: status 20: "),
             (("token", "--server", ""), False, r"--server is required\nqxcurl: status 20: "),
             (("login", "--server", "localhost", "--port", "0", "--user", "u"), False,
              r"--port must be 1 or more\nqxcurl: status 20: "),
@@ -321,7 +315,7 @@ class ToolTest(unittest.TestCase):
                     self.assertEqual(["ECA"], [q["sni"] for q in self.host.requests()])
 
         # Without the certificate map's CRL, only --crl or a download can
-        # supply one, and the distribution point never answers.
+        # supply one (the distribution point never answers: fault matrix).
         self.host.control_call("POST", "config", {"certMode": "normal"})
         certmap = self.host.path("var/certmap.json")
         with open(certmap) as f:
@@ -334,11 +328,9 @@ class ToolTest(unittest.TestCase):
         crl = os.path.join(self.host.pki, "eca/crl.pem")
         expired = os.path.join(self.host.pki, "eca/crl_expired.pem")
         cases = [
-            ((), 3, r"status 5982: "),
             (("--no-crl-download", "--allow-failed-crl"), 0, r"^$"),
             (("--no-crl-download", "--crl", crl), 0, r"^$"),
             (("--no-crl-download", "--crl", expired), 3, r"status 9314: "),
-            (("--no-crl-download", "--crl", expired, "--allow-failed-crl"), 0, r"^$"),
         ]
         try:
             for args, code, err in cases:
@@ -359,11 +351,8 @@ class ToolTest(unittest.TestCase):
         self.assertEqual("Logged in to localhost\n", r.stdout)
         self.assertIn('"password": "***"', r.stderr)  # the body was traced, masked
         self.assertNotIn(PASSWORD, r.stderr)
-        login = self.host.requests("arvion/login")[-1]
-        sent = json.loads(login["body"])
-        self.assertEqual((USER, PASSWORD, "unixpwd", "localhost"),
-                         (sent["userName"], sent["password"], sent["domainType"],
-                          sent["domainName"]))
+        sent = json.loads(self.host.requests("arvion/login")[-1]["body"])
+        self.assertEqual(("localhost", USER), (sent["domainName"], sent["userName"]))  # defaults
         self.host.write_config()
 
         r = self.host.run("--user-session", "GET", "arvion/config/hosts")
@@ -376,9 +365,6 @@ class ToolTest(unittest.TestCase):
         self.assertEqual("Logged out of localhost\n", r.stdout)
         self.assertEqual(session_token,
                          self.host.requests("arvion/logout")[-1]["headers"]["Authorization"])
-        # Gone on both sides.
-        r = self.host.run("--token", session_token, "GET", "arvion/config/hosts")
-        self.assertExit(r, 1)
         r = self.host.run("--user-session", "GET", "arvion/config/hosts")
         self.assertExit(r, 3)
         self.assertIn("no user session", r.stderr)
@@ -478,13 +464,6 @@ class ToolTest(unittest.TestCase):
         self.assertEqual("Token cleared for localhost\n", r.stdout)
         with open(self.host.path("tmp", token_files[0])) as f:
             self.assertEqual("xxxx", f.readline().strip())
-
-        # A token session request logs in again after the clear.
-        r = self.host.run("--session", "token", "GET", "arvion/config/hosts")
-        self.assertExit(r, 0)
-        self.assertEqual(2, len(self.host.requests("arvion/loginwithcert")))
-        r = self.host.run("token", "--show")
-        self.assertNotEqual(token, r.stdout.splitlines()[0][len("token: "):])
 
 
 if __name__ == "__main__":
