@@ -7,7 +7,7 @@
 // token. Between exchanges the easy handle leaves the multi handle; the
 // connection it used stays in the multi handle's pool and is reused by the
 // next exchange when it can be.
-#include "qxclnt_curlasync.h"
+#include "qxcurl/qxclnt_curlasync.h"
 
 #include <openssl/x509_vfy.h>
 #include <strings.h>
@@ -17,15 +17,15 @@
 
 #include "client/qxclnt_curl_option.h"
 #include "client/qxclnt_retry.h"
-#include "json_token_manager.h"
-#include "login_with_cert_manager.h"
+#include "platform/qx_certmap.h"
+#include "platform/qx_log.h"
+#include "platform/qx_util.h"
 #include "prefnet/qxclnt_prefnet.h"
-#include "qx_certmap.h"
-#include "qx_log.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "websvc_tunnel_iterator.h"
-#include "websvc_tunnel_router.h"
+#include "qxcurl/json_token_manager.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/websvc_tunnel_iterator.h"
+#include "qxcurl/websvc_tunnel_router.h"
 
 namespace {
 

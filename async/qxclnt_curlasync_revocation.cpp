@@ -6,9 +6,9 @@
 #include <string>
 #include <unordered_map>
 
-#include "qx_crl.h"
-#include "qx_log.h"
-#include "qxclnt_curlasync.h"
+#include "platform/qx_crl.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qxclnt_curlasync.h"
 
 namespace {
 

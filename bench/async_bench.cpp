@@ -29,9 +29,9 @@
 #include <string>
 #include <vector>
 
-#include "bench_util.h"
-#include "qx_test_env.h"
-#include "qxclnt_curlasync.h"
+#include "bench/bench_util.h"
+#include "qxcurl/qxclnt_curlasync.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

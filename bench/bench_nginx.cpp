@@ -1,4 +1,4 @@
-#include "bench_nginx.h"
+#include "bench/bench_nginx.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -10,8 +10,8 @@
 #include <sstream>
 #include <string>
 
-#include "qx_test_env.h"
-#include "qx_test_process.h"
+#include "testing/fixture/qx_test_env.h"
+#include "testing/fixture/qx_test_process.h"
 
 namespace {
 

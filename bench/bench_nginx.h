@@ -1,5 +1,5 @@
-#ifndef QX_BENCH_NGINX_H
-#define QX_BENCH_NGINX_H
+#ifndef QXCURL_BENCH_BENCH_NGINX_H
+#define QXCURL_BENCH_BENCH_NGINX_H
 // nginx as the HTTPS server of the benchmarks: its own cost per request is
 // small, so the client side dominates what is measured. Started from a
 // configuration of its own in a directory of its own, on a free loopback
@@ -31,4 +31,4 @@ class QXBenchNginx {
 
 // True when the nginx binary is on PATH.
 bool qxBenchHaveNginx();
-#endif
+#endif  // QXCURL_BENCH_BENCH_NGINX_H

@@ -1,7 +1,7 @@
 // malloc-family interposer: forwards to glibc's own entry points and counts.
 // Defined in the executable, so it takes precedence over libc for every
 // shared library of the process as well.
-#include "bench_util.h"
+#include "bench/bench_util.h"
 
 #include <sys/time.h>
 

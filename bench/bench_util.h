@@ -1,5 +1,5 @@
-#ifndef QX_BENCH_UTIL_H
-#define QX_BENCH_UTIL_H
+#ifndef QXCURL_BENCH_BENCH_UTIL_H
+#define QXCURL_BENCH_BENCH_UTIL_H
 // Heap accounting for the benchmarks: every malloc-family call of the process
 // (libcurl, OpenSSL and operator new included) is counted by an interposer
 // linked into the benchmark executable.
@@ -22,4 +22,4 @@ bool qxBenchAllocActive();
 // re-reads a file written in the last two seconds on every call; an installed
 // configuration is older than that, and so must the benchmarks' be.
 bool qxBenchAgeFile(const std::string& path);
-#endif
+#endif  // QXCURL_BENCH_BENCH_UTIL_H

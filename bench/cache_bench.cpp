@@ -18,9 +18,9 @@
 #include <string>
 #include <vector>
 
-#include "qx_cs_cache.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_cs_cache.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -33,10 +33,10 @@
 #include <string>
 #include <vector>
 
-#include "bench_nginx.h"
-#include "bench_util.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
+#include "bench/bench_nginx.h"
+#include "bench/bench_util.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

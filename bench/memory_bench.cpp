@@ -14,9 +14,9 @@
 #include <memory>
 #include <string>
 
-#include "bench_nginx.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
+#include "bench/bench_nginx.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

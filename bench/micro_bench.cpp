@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "bench_util.h"
+#include "bench/bench_util.h"
 #include "client/qxclnt_curl_trace.h"
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_test_env.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Client object: construction, option setters, request headers, callbacks,
 // process-wide libcurl set-up and the factory and environment objects.
-#include "qxclnt_curl.h"
+#include "qxcurl/qxclnt_curl.h"
 
 #include <openssl/ssl.h>
 #include <unistd.h>
@@ -11,14 +11,14 @@
 
 #include "client/qxclnt_curl_option.h"
 #include "client/qxclnt_retry.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_util.h"
 #include "prefnet/qxclnt_prefnet.h"
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_status.h"
-#include "qx_util.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/websvc_tunnel_router.h"
 #include "token/token_factory.h"
-#include "websvc_tunnel_router.h"
 
 bool QXClientCURL::gAppControlledInitCleanup = false;
 

@@ -5,10 +5,10 @@
 
 #include <memory>
 
-#include "qx_cs_cache.h"
-#include "qx_log.h"
-#include "qx_session_store.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_cs_cache.h"
+#include "platform/qx_log.h"
+#include "platform/qx_session_store.h"
+#include "qxcurl/qxclnt_curl.h"
 
 using Arvion::Ostrel::TokenMgmt::SessionTokenMgmt;
 

@@ -10,14 +10,14 @@
 #include <sstream>
 
 #include "client/qxclnt_curl_trace.h"
-#include "login_with_cert_manager.h"
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_util.h"
-#include "qx_webapi.h"
-#include "qxcurl_c.h"
-#include "supplied_token_manager.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_util.h"
+#include "platform/qx_webapi.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/qxcurl_c.h"
+#include "qxcurl/supplied_token_manager.h"
 
 int web_sync(cache_usage_decision decision, const std::string& server, const std::string& path,
              const std::string& payload, const std::string& token, json_t** out) {

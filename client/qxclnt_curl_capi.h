@@ -1,11 +1,11 @@
 // The request behind the plain C entry points (include/qxcurl/qxcurl_c.h).
-#ifndef QXCLNT_CURL_CAPI_H
-#define QXCLNT_CURL_CAPI_H
+#ifndef QXCURL_CLIENT_QXCLNT_CURL_CAPI_H
+#define QXCURL_CLIENT_QXCLNT_CURL_CAPI_H
 #include <jansson.h>
 
 #include <string>
 
-#include "qxclnt_curl.h"
+#include "qxcurl/qxclnt_curl.h"
 
 // The web service's port for the C entry points.
 constexpr int QX_CAPI_PORT = 1556;
@@ -22,4 +22,4 @@ constexpr int QX_CAPI_DEFAULT_TTL = 86400;
 // client that cannot be built.
 int web_sync(cache_usage_decision decision, const std::string& server, const std::string& path,
              const std::string& payload, const std::string& token, json_t** out);
-#endif
+#endif  // QXCURL_CLIENT_QXCLNT_CURL_CAPI_H

@@ -1,4 +1,4 @@
-#include "qxclnt_curl_constants.h"
+#include "qxcurl/qxclnt_curl_constants.h"
 
 const std::string FEDS_URI = "arvion/catalog/frontenddata";
 const std::string HOSTS_URI = "arvion/config/hosts";

@@ -5,10 +5,10 @@
 #include <climits>
 #include <cstdlib>
 
-#include "qx_log.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_log.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 
 int QXClientCURL::getHttpHeaderField(const std::string& field, std::string& value) {
   const char* tag = "QXClientCURL::getHttpHeaderField";

@@ -1,11 +1,11 @@
-#ifndef QXCURL_CLIENT_OPTION_H
-#define QXCURL_CLIENT_OPTION_H
+#ifndef QXCURL_CLIENT_QXCLNT_CURL_OPTION_H
+#define QXCURL_CLIENT_QXCLNT_CURL_OPTION_H
 #include <curl/curl.h>
 
 #include <string>
 
-#include "qx_log.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qxclnt_curl.h"
 
 // Sets one libcurl option on the client's handle. A failure is logged as
 // "FAILED to set <name> in cURL. cURL :" + libcurl's text at `level` under
@@ -23,4 +23,4 @@ int qxSetCurlOption(QXClientCURL& c, CURLoption option, T value, const char* nam
 // A POST body as the web service expects it: every line feed and carriage
 // return written as the two characters \n and \r.
 std::string qxEscapeLineEnds(const std::string& payload);
-#endif
+#endif  // QXCURL_CLIENT_QXCLNT_CURL_OPTION_H

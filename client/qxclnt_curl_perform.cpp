@@ -6,15 +6,15 @@
 
 #include "client/qxclnt_curl_option.h"
 #include "client/qxclnt_retry.h"
+#include "platform/qx_config.h"
+#include "platform/qx_json.h"
+#include "platform/qx_log.h"
+#include "platform/qx_util.h"
+#include "platform/qx_wnet.h"
 #include "prefnet/qxclnt_prefnet.h"
-#include "qx_config.h"
-#include "qx_json.h"
-#include "qx_log.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qx_wnet.h"
-#include "qxclnt_curl.h"
-#include "websvc_tunnel_router.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/websvc_tunnel_router.h"
 
 // Post sends line ends escaped; the web service expects them that way.
 std::string qxEscapeLineEnds(const std::string& payload) {

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qx_log.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_log.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 
 namespace {
 // The product counts "key usage does not include certificate signing" as 33

@@ -6,8 +6,8 @@
 #include <cctype>
 #include <cstdio>
 
-#include "qx_log.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qxclnt_curl.h"
 
 namespace {
 const char* const kTraceTag = "curl_debug_logger()";

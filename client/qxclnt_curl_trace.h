@@ -1,5 +1,5 @@
-#ifndef QXCLNT_CURL_TRACE_H
-#define QXCLNT_CURL_TRACE_H
+#ifndef QXCURL_CLIENT_QXCLNT_CURL_TRACE_H
+#define QXCURL_CLIENT_QXCLNT_CURL_TRACE_H
 #include <cstddef>
 #include <string>
 
@@ -20,4 +20,4 @@ std::string qxMaskTraceHeaders(const char* data, size_t size);
 std::string qxMaskTraceSecrets(const char* data, size_t size, bool* inSecret = nullptr);
 // Dump lines in the manner of a text-only wire trace, joined with '\n'.
 std::string qxFormatTraceDump(const char* label, const std::string& data);
-#endif
+#endif  // QXCURL_CLIENT_QXCLNT_CURL_TRACE_H

@@ -1,5 +1,5 @@
-#ifndef QXCLNT_MASKED_HEADERS_H
-#define QXCLNT_MASKED_HEADERS_H
+#ifndef QXCURL_CLIENT_QXCLNT_MASKED_HEADERS_H
+#define QXCURL_CLIENT_QXCLNT_MASKED_HEADERS_H
 #include <set>
 #include <string>
 
@@ -41,4 +41,4 @@ class MaskedHttpHeaders {
  private:
   std::set<std::string> m_allowed;
 };
-#endif
+#endif  // QXCURL_CLIENT_QXCLNT_MASKED_HEADERS_H

@@ -2,8 +2,8 @@
 
 #include <curl/curl.h>
 
-#include "qx_log.h"
-#include "qx_status.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qx_status.h"
 
 namespace qxretry {
 

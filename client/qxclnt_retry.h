@@ -59,4 +59,4 @@ Plan plan(int seconds);
 std::vector<int> randomGaps(int count, int interval, const std::function<int()>& rnd);
 
 }  // namespace qxretry
-#endif
+#endif  // QXCURL_CLIENT_QXCLNT_RETRY_H

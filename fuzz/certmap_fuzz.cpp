@@ -2,8 +2,8 @@
 #include <cstdint>
 #include <string>
 
-#include "fuzz_scratch.h"
-#include "qx_certmap.h"
+#include "fuzz/fuzz_scratch.h"
+#include "platform/qx_certmap.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzWriteScratch("var/certmap.json", data, size);

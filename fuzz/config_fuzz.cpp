@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "fuzz_scratch.h"
-#include "qx_config.h"
-#include "qx_util.h"
+#include "fuzz/fuzz_scratch.h"
+#include "platform/qx_config.h"
+#include "platform/qx_util.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzWriteScratch("arvion/arvion.conf", data, size);

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "qx_crl.h"
+#include "platform/qx_crl.h"
 
 namespace {
 const std::string& crlFile() {

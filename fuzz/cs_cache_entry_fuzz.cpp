@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "qx_cs_cache.h"
-#include "qx_status.h"
+#include "platform/qx_cs_cache.h"
+#include "qxcurl/qx_status.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

@@ -42,4 +42,4 @@ inline void fuzzWriteScratch(const std::string& rel, const uint8_t* data, size_t
   std::fclose(f);
   chmod(path.c_str(), 0600);
 }
-#endif
+#endif  // QXCURL_FUZZ_FUZZ_SCRATCH_H

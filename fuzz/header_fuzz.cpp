@@ -7,8 +7,8 @@
 #include <string>
 
 #include "client/qxclnt_curl_trace.h"
-#include "qx_status.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 
 namespace {
 QXClientCURL* client() {

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string>
 
-#include "qx_status.h"
-#include "qx_util.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 int sign(int v) { return (v > 0) - (v < 0); }

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "qx_wnet.h"
+#include "platform/qx_wnet.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string text(reinterpret_cast<const char*>(data), size);

@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "fuzz_scratch.h"
-#include "login_with_cert_manager.h"
-#include "qx_status.h"
+#include "fuzz/fuzz_scratch.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/qx_status.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static LoginWithCertManager mgr(443, CERT_TYPE_HOST, fuzzScratchRoot() + "/var",

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "json_token_manager.h"
-#include "login_with_user_token_manager.h"
+#include "qxcurl/json_token_manager.h"
+#include "qxcurl/login_with_user_token_manager.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string json(reinterpret_cast<const char*>(data), size);

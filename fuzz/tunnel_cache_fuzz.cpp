@@ -6,8 +6,8 @@
 #include <list>
 #include <string>
 
-#include "fuzz_scratch.h"
-#include "websvc_tunnel_router.h"
+#include "fuzz/fuzz_scratch.h"
+#include "qxcurl/websvc_tunnel_router.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);

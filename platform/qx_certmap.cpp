@@ -1,4 +1,4 @@
-#include "qx_certmap.h"
+#include "platform/qx_certmap.h"
 
 #include <jansson.h>
 #include <openssl/err.h>
@@ -12,10 +12,10 @@
 #include <cstring>
 #include <memory>
 
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_status.h"
-#include "qx_util.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 

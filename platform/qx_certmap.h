@@ -1,10 +1,10 @@
-#ifndef QX_CERTMAP_H
-#define QX_CERTMAP_H
+#ifndef QXCURL_PLATFORM_QX_CERTMAP_H
+#define QXCURL_PLATFORM_QX_CERTMAP_H
 #include <ctime>
 #include <string>
 #include <vector>
 
-#include "qx_types.h"
+#include "qxcurl/qx_types.h"
 
 // The host's certificate map: <root>/var/certmap.json, read afresh on every
 // call (an administrator may change it while processes run):
@@ -120,4 +120,4 @@ int compareTrustVersion(cert_type certType, const char* trustVersion, const char
 // Every "crl" path of the map (any entry, any CA), for the CRL service.
 // Empty when the map is missing or malformed.
 std::vector<std::string> getConfiguredCrlFiles();
-#endif
+#endif  // QXCURL_PLATFORM_QX_CERTMAP_H

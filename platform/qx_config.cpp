@@ -1,4 +1,4 @@
-#include "qx_config.h"
+#include "platform/qx_config.h"
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -17,10 +17,10 @@
 #include <new>
 #include <vector>
 
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_status.h"
-#include "qx_util.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
 
 struct QXMasterConfig {
   // Values of each key in file order.

@@ -1,5 +1,5 @@
-#ifndef QX_CONFIG_H
-#define QX_CONFIG_H
+#ifndef QXCURL_PLATFORM_QX_CONFIG_H
+#define QXCURL_PLATFORM_QX_CONFIG_H
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -106,4 +106,4 @@ int IsFeatureEnabled_c(int feature);
 // effective uid. The argument is reserved and ignored.
 int is_current_user_configured_service_admin(int reserved);
 
-#endif
+#endif  // QXCURL_PLATFORM_QX_CONFIG_H

@@ -1,4 +1,4 @@
-#include "qx_crl.h"
+#include "platform/qx_crl.h"
 
 #include <curl/curl.h>
 #include <dirent.h>
@@ -16,11 +16,11 @@
 #include <set>
 #include <vector>
 
-#include "qx_certmap.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_safefile.h"
-#include "qx_status.h"
+#include "platform/qx_certmap.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_safefile.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#ifndef QX_CRL_H
-#define QX_CRL_H
+#ifndef QXCURL_PLATFORM_QX_CRL_H
+#define QXCURL_PLATFORM_QX_CRL_H
 #include <ctime>
 #include <string>
 #include <vector>
 
-#include "qx_types.h"
+#include "qxcurl/qx_types.h"
 
 // Revocation checks of a peer chain against CRLs. Sources, all loaded per
 // check: every file under "<root>/var/crl/" (PEM or DER, several CRLs per
@@ -67,4 +67,4 @@ struct QXCrlSummary {
   time_t nextUpdate = 0;
 };
 std::vector<QXCrlSummary> qxCrlSummaries(const std::vector<std::string>& files);
-#endif
+#endif  // QXCURL_PLATFORM_QX_CRL_H

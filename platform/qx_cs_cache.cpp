@@ -1,4 +1,4 @@
-#include "qx_cs_cache.h"
+#include "platform/qx_cs_cache.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -15,11 +15,11 @@
 #include <thread>
 #include <utility>
 
-#include "qx_lock.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_safefile.h"
-#include "qx_status.h"
+#include "platform/qx_lock.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_safefile.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 

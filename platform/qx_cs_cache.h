@@ -25,8 +25,8 @@
 //   int rc = fetch_cs_cache_info_or_lock_with_retry(h, QX_CS_CACHE_KIND_WEBSVC, path, &value);
 //   if (rc == 0) { use(value); json_decref(value); }
 //   else if (rc == QX_CS_CACHE_FILL) { ... update_cs_cache_info(h, 2, path, fresh, ttl); }
-#ifndef QX_CS_CACHE_H
-#define QX_CS_CACHE_H
+#ifndef QXCURL_PLATFORM_QX_CS_CACHE_H
+#define QXCURL_PLATFORM_QX_CS_CACHE_H
 #include <jansson.h>
 
 #include <cstddef>
@@ -101,4 +101,4 @@ std::string qxCSCacheEntryPath(const std::string& handle, int kind, const std::s
 // (null restores time() and a real sleep).
 void T_setCSCacheClock(time_t (*now)(time_t*));
 void T_setCSCacheSleeper(void (*sleepMs)(unsigned ms));
-#endif
+#endif  // QXCURL_PLATFORM_QX_CS_CACHE_H

@@ -1,10 +1,10 @@
-#include "qx_json.h"
+#include "platform/qx_json.h"
 
 #include <climits>
 #include <cstdlib>
 
-#include "qx_log.h"
-#include "qx_status.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qx_status.h"
 
 namespace qxjson {
 

@@ -9,7 +9,7 @@
 
 #include <string>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 namespace qxjson {
 
@@ -49,4 +49,4 @@ json_t* loadInput(const std::string& json, const char* tag, const char* loadMess
 // The service's error body {"errorCode": N, "errorMessage": "..."}: 0, 20 for
 // empty input, 7617 when it is not a JSON object, 7610 for a missing member.
 QX_API int extractErrorFromJSON(const std::string& json, int& errorCode, std::string& errorMessage);
-#endif
+#endif  // QXCURL_PLATFORM_QX_JSON_H

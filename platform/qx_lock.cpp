@@ -1,4 +1,4 @@
-#include "qx_lock.h"
+#include "platform/qx_lock.h"
 
 #include <fcntl.h>
 #include <time.h>
@@ -7,8 +7,8 @@
 #include <atomic>
 #include <cerrno>
 
-#include "qx_log.h"
-#include "qx_safefile.h"
+#include "platform/qx_log.h"
+#include "platform/qx_safefile.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#ifndef QX_LOCK_H
-#define QX_LOCK_H
+#ifndef QXCURL_PLATFORM_QX_LOCK_H
+#define QXCURL_PLATFORM_QX_LOCK_H
 // Advisory locks between processes (fcntl record locks on a lock file).
 //
 // A handle is an open descriptor of the lock file; -1 means "not held".
@@ -39,4 +39,4 @@ constexpr int QXLOCK_WAIT_LIMIT_MS = 30000;
 void T_setLockWaitLimit(int milliseconds);
 // Releases and closes a handle from wait_lock. 0, or -1 with *err set.
 int wait_unlock(int handle, int* err);
-#endif
+#endif  // QXCURL_PLATFORM_QX_LOCK_H

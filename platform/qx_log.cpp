@@ -1,4 +1,4 @@
-#include "qx_log.h"
+#include "platform/qx_log.h"
 
 #include <fcntl.h>
 #include <sys/time.h>
@@ -14,8 +14,8 @@
 #include <memory>
 #include <mutex>
 
-#include "qx_safefile.h"
-#include "qx_util.h"
+#include "platform/qx_safefile.h"
+#include "platform/qx_util.h"
 
 namespace {
 

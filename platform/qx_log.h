@@ -1,5 +1,5 @@
-#ifndef QX_LOG_H
-#define QX_LOG_H
+#ifndef QXCURL_PLATFORM_QX_LOG_H
+#define QXCURL_PLATFORM_QX_LOG_H
 #include <cstdarg>
 #include <functional>
 #include <optional>
@@ -64,4 +64,4 @@ void qxLogConfigure(const std::string& dest, const std::string& level);
 // Reads QXCURL_LOG and QXCURL_LOG_LEVEL (environment, then what the
 // configuration handed over) now instead of at the next once-a-second refresh.
 void qxLogReconfigure();
-#endif
+#endif  // QXCURL_PLATFORM_QX_LOG_H

@@ -1,4 +1,4 @@
-#include "qx_process.h"
+#include "platform/qx_process.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -11,8 +11,8 @@
 #include <map>
 #include <mutex>
 
-#include "qx_log.h"
-#include "qx_status.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qx_status.h"
 
 extern char** environ;
 

@@ -1,5 +1,5 @@
-#ifndef QX_PROCESS_H
-#define QX_PROCESS_H
+#ifndef QXCURL_PLATFORM_QX_PROCESS_H
+#define QXCURL_PLATFORM_QX_PROCESS_H
 #include <sys/types.h>
 
 #include <cstdio>
@@ -41,4 +41,4 @@ FILE* popen_r(const char* cmd, const char* mode, QXChildInfo* childInfo);
 // waitpid gives it, or -1 (errno set) for a null or unknown stream. childInfo
 // (optional) receives the exit details.
 int pclose_r(FILE* stream, QXChildInfo* childInfo);
-#endif
+#endif  // QXCURL_PLATFORM_QX_PROCESS_H

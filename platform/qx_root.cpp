@@ -1,9 +1,9 @@
-#include "qx_root.h"
+#include "platform/qx_root.h"
 
 #include <cstdlib>
 #include <cstring>
 
-#include "qx_status.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 const char kProductRoot[] = "/usr/tarvo";

@@ -1,5 +1,5 @@
-#ifndef QX_ROOT_H
-#define QX_ROOT_H
+#ifndef QXCURL_PLATFORM_QX_ROOT_H
+#define QXCURL_PLATFORM_QX_ROOT_H
 #include <cstddef>
 #include <string>
 
@@ -17,4 +17,4 @@ std::string qxRootPath(const std::string& productPath);
 // The install root followed by "/", copied into buf. 0 on success, 20 when
 // buf is null or too small.
 int getQXInstallDir(char* buf, size_t size);
-#endif
+#endif  // QXCURL_PLATFORM_QX_ROOT_H

@@ -1,4 +1,4 @@
-#include "qx_safefile.h"
+#include "platform/qx_safefile.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -62,4 +62,4 @@ int qxOpenLockFile(const std::string& path, bool readOnlyOk, int* err, bool* rep
 
 // Writes all of data to fd (EINTR resumed). False on any short write.
 bool qxWriteAll(int fd, const std::string& data);
-#endif
+#endif  // QXCURL_PLATFORM_QX_SAFEFILE_H

@@ -1,4 +1,4 @@
-#include "qx_session_store.h"
+#include "platform/qx_session_store.h"
 
 #include <fcntl.h>
 #include <openssl/evp.h>
@@ -14,11 +14,11 @@
 #include <memory>
 #include <vector>
 
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_status.h"
-#include "qx_util.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
 
 namespace Arvion {
 namespace Ostrel {

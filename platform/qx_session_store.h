@@ -1,5 +1,5 @@
-#ifndef QX_SESSION_STORE_H
-#define QX_SESSION_STORE_H
+#ifndef QXCURL_PLATFORM_QX_SESSION_STORE_H
+#define QXCURL_PLATFORM_QX_SESSION_STORE_H
 #include <string>
 
 namespace Arvion {
@@ -45,4 +45,4 @@ class SessionTokenMgmt {
 }  // namespace TokenMgmt
 }  // namespace Ostrel
 }  // namespace Arvion
-#endif
+#endif  // QXCURL_PLATFORM_QX_SESSION_STORE_H

@@ -1,4 +1,4 @@
-#include "qx_sslctx.h"
+#include "platform/qx_sslctx.h"
 
 #include <openssl/core_names.h>
 #include <openssl/err.h>
@@ -10,10 +10,10 @@
 #include <cstring>
 #include <string>
 
-#include "qx_certmap.h"
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_status.h"
+#include "platform/qx_certmap.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 

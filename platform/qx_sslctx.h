@@ -1,5 +1,5 @@
-#ifndef QX_SSLCTX_H
-#define QX_SSLCTX_H
+#ifndef QXCURL_PLATFORM_QX_SSLCTX_H
+#define QXCURL_PLATFORM_QX_SSLCTX_H
 #include <openssl/ssl.h>
 
 #include <string>
@@ -32,4 +32,4 @@ class SSLCTXHelper {
 // PEM text of every certificate of the stack, in order; malloc'ed (release
 // with free). Null for a null or empty stack or on failure.
 char* getPEMStrFromX509_sk(STACK_OF(X509) * chain);
-#endif
+#endif  // QXCURL_PLATFORM_QX_SSLCTX_H

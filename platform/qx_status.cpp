@@ -1,4 +1,4 @@
-#include "qx_status.h"
+#include "qxcurl/qx_status.h"
 
 #include <map>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "qx_util.h"
+#include "platform/qx_util.h"
 
 #include <unistd.h>
 
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "qx_status.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 // Value of the dotted part at s, advancing past it and its dot. Leading

@@ -1,6 +1,6 @@
 // Small helpers with no state and no dependency on any other platform service.
-#ifndef QX_UTIL_H
-#define QX_UTIL_H
+#ifndef QXCURL_PLATFORM_QX_UTIL_H
+#define QXCURL_PLATFORM_QX_UTIL_H
 #include <cstddef>
 #include <string>
 
@@ -26,4 +26,4 @@ int ovgetlocaleEx(char* messages, char* ctype, char* time, char* collate, char* 
 // Removes leading and trailing blank, tab, vertical tab, form feed, carriage
 // return and line feed.
 std::string trim(const std::string& s);
-#endif
+#endif  // QXCURL_PLATFORM_QX_UTIL_H

@@ -1,4 +1,4 @@
-#include "qx_webapi.h"
+#include "platform/qx_webapi.h"
 
 #include <atomic>
 

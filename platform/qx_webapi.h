@@ -1,8 +1,8 @@
 // Registry through which other libraries of the product make web-service
 // calls without linking the client: the client library registers its entry
 // point at initialisation (init_qxcurllib), callers look it up.
-#ifndef QX_WEBAPI_H
-#define QX_WEBAPI_H
+#ifndef QXCURL_PLATFORM_QX_WEBAPI_H
+#define QXCURL_PLATFORM_QX_WEBAPI_H
 #include <jansson.h>
 
 // The entry point's shape: cache decision, server, path, payload (POST when
@@ -14,4 +14,4 @@ typedef int (*QXWebAPICallback)(int decision, const char* server, const char* pa
 void setWebAPICallback(QXWebAPICallback callback);
 // The registered entry point, or null.
 QXWebAPICallback getWebAPICallback();
-#endif
+#endif  // QXCURL_PLATFORM_QX_WEBAPI_H

@@ -1,4 +1,4 @@
-#include "qx_wnet.h"
+#include "platform/qx_wnet.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -13,9 +13,9 @@
 #include <mutex>
 #include <string>
 
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_util.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_util.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
-#ifndef QX_WNET_H
-#define QX_WNET_H
+#ifndef QXCURL_PLATFORM_QX_WNET_H
+#define QXCURL_PLATFORM_QX_WNET_H
 // Network library: name resolution with a short-lived cache, the address
 // order, the preferred-network rules of the master configuration, and
 // "is this host a server of the product".
@@ -136,4 +136,4 @@ struct wnet_pref_netconnection {
 // WN_STATUS_SUCCESS, or WN_STATUS_BAD_PARAM for a null or non-IP address.
 int wnet_get_pref_netconnection(const struct sockaddr* remote, socklen_t len,
                                 wnet_pref_netconnection* answer);
-#endif
+#endif  // QXCURL_PLATFORM_QX_WNET_H

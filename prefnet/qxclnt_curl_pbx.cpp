@@ -16,10 +16,10 @@
 #include <string_view>
 
 #include "client/qxclnt_curl_option.h"
+#include "platform/qx_log.h"
+#include "platform/qx_wnet.h"
 #include "prefnet/qxclnt_prefnet.h"
-#include "qx_log.h"
-#include "qx_wnet.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/qxclnt_curl.h"
 
 namespace {
 

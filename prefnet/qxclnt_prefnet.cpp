@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "qx_log.h"
+#include "platform/qx_log.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
-#ifndef QXCLNT_PREFNET_H
-#define QXCLNT_PREFNET_H
+#ifndef QXCURL_PREFNET_QXCLNT_PREFNET_H
+#define QXCURL_PREFNET_QXCLNT_PREFNET_H
 #include <netdb.h>
 #include <sys/select.h>
 
 #include <string>
 
-#include "qx_wnet.h"  // WN_STATUS_* and the address lists
-#include "qxcurl_export.h"
+#include "platform/qx_wnet.h"  // WN_STATUS_* and the address lists
+#include "qxcurl/qxcurl_export.h"
 
 // Connect modes.
 enum qxclnt_cmode_t { QXCLNT_CMODE_BLOCKING = 1, QXCLNT_CMODE_NONBLOCKING = 2 };
@@ -126,4 +126,4 @@ class QX_API qxclnt_curl_prefnet {
   long long attempt_ms() const;
   void free_lists();
 };
-#endif
+#endif  // QXCURL_PREFNET_QXCLNT_PREFNET_H

@@ -5,10 +5,10 @@
 #include <chrono>
 #include <cstdio>
 
+#include "platform/qx_config.h"
+#include "platform/qx_wnet.h"
 #include "prefnet/qxclnt_prefnet.h"
-#include "qx_config.h"
-#include "qx_wnet.h"
-#include "qxcurl_route.h"
+#include "qxcurl/qxcurl_route.h"
 
 namespace {
 

@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
-#include "qx_status.h"
-#include "qx_test_env.h"
-#include "qx_wnet.h"
-#include "qxclnt_curlasync.h"
+#include "platform/qx_wnet.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curlasync.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -10,14 +10,14 @@
 #include <string>
 
 #include "client/qxclnt_curl_capi.h"
-#include "login_with_cert_manager.h"
-#include "qx_cs_cache.h"
-#include "qx_log.h"
-#include "qx_test_env.h"
-#include "qx_test_process.h"
-#include "qx_webapi.h"
-#include "qxcurl_c.h"
-#include "test_support.h"
+#include "platform/qx_cs_cache.h"
+#include "platform/qx_log.h"
+#include "platform/qx_webapi.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/qxcurl_c.h"
+#include "testing/fixture/qx_test_env.h"
+#include "testing/fixture/qx_test_process.h"
+#include "tests/test_support.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "qx_certmap.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
+#include "platform/qx_certmap.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -10,13 +10,13 @@
 #include <string>
 #include <thread>
 
-#include "qx_cs_cache.h"
-#include "qx_log.h"
-#include "qx_session_store.h"
-#include "qx_test_env.h"
-#include "qx_test_process.h"
-#include "qxclnt_curl.h"
-#include "test_support.h"
+#include "platform/qx_cs_cache.h"
+#include "platform/qx_log.h"
+#include "platform/qx_session_store.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
+#include "testing/fixture/qx_test_process.h"
+#include "tests/test_support.h"
 
 namespace {
 

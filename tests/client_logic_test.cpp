@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "client/qxclnt_retry.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "json_token_manager.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
-#include "supplied_token_manager.h"
-#include "test_support.h"
+#include "qxcurl/json_token_manager.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/supplied_token_manager.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

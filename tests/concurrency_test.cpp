@@ -14,10 +14,10 @@
 #include <thread>
 #include <vector>
 
-#include "login_with_cert_manager.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
-#include "test_support.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <memory>
 #include <thread>
 
-#include "qx_crl.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
+#include "platform/qx_crl.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

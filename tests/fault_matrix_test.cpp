@@ -22,13 +22,13 @@
 #include <string>
 #include <vector>
 
-#include "login_with_cert_manager.h"
-#include "qx_lock.h"
-#include "qx_lock_file.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
-#include "supplied_token_manager.h"
-#include "test_support.h"
+#include "platform/qx_lock.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/qx_lock_file.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/supplied_token_manager.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include "qx_test_env.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <thread>
 #include <vector>
 
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -6,9 +6,9 @@
 #include <functional>
 #include <string>
 
-#include "qx_cs_cache.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
+#include "platform/qx_cs_cache.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <cerrno>
 #include <string>
 
-#include "qx_lock.h"
-#include "qx_test_env.h"
+#include "platform/qx_lock.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_test_env.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

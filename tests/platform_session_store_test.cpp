@@ -8,9 +8,9 @@
 #include <string>
 #include <thread>
 
-#include "qx_session_store.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
+#include "platform/qx_session_store.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

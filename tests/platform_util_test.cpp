@@ -6,11 +6,11 @@
 #include <string>
 #include <thread>
 
-#include "qx_config.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
-#include "qx_util.h"
-#include "qx_wnet.h"
+#include "platform/qx_config.h"
+#include "platform/qx_util.h"
+#include "platform/qx_wnet.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

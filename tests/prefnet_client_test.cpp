@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "qx_test_env.h"
-#include "qx_wnet.h"
-#include "qxclnt_curl.h"
-#include "test_support.h"
+#include "platform/qx_wnet.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

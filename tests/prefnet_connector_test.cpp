@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "prefnet/qxclnt_prefnet.h"
-#include "qx_test_env.h"
-#include "test_support.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

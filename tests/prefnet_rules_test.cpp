@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "qx_test_env.h"  // QXLogCapture
-#include "qx_wnet.h"
+#include "platform/qx_wnet.h"
+#include "testing/fixture/qx_test_env.h"  // QXLogCapture
 
 namespace {
 

@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "login_with_cert_manager.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 
 // While one exists, the client's retry clock is fake: its sleeps advance it,
 // nothing waits.
@@ -146,4 +146,4 @@ class LoopbackPort {
   int m_port = 0;
   std::vector<int> m_fillers;
 };
-#endif
+#endif  // QXCURL_TESTS_TEST_SUPPORT_H

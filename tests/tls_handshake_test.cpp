@@ -9,9 +9,9 @@
 #include <chrono>
 #include <functional>
 
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
-#include "test_support.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 
 #include <cstring>
 
-#include "qx_certmap.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_certmap.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 #include "tls/qx_tls_internal.h"
 
 namespace {

@@ -10,8 +10,8 @@
 #include <functional>
 #include <memory>
 
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 
 #include <functional>
 
-#include "json_token_manager.h"
-#include "qx_log.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
+#include "platform/qx_log.h"
+#include "qxcurl/json_token_manager.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 
 #include <vector>
 
-#include "qx_lock.h"
-#include "qx_lock_file.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
+#include "platform/qx_lock.h"
+#include "qxcurl/qx_lock_file.h"
+#include "qxcurl/qx_status.h"
+#include "testing/fixture/qx_test_env.h"
 
 namespace {
 

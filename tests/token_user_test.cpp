@@ -7,14 +7,14 @@
 #include <climits>
 #include <cstdlib>
 
-#include "env_var_utilities.h"
-#include "exec_custom_script.h"
-#include "login_with_user_token_manager.h"
-#include "qx_app_token_manager.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
-#include "supplied_token_manager.h"
-#include "test_support.h"
+#include "qxcurl/env_var_utilities.h"
+#include "qxcurl/exec_custom_script.h"
+#include "qxcurl/login_with_user_token_manager.h"
+#include "qxcurl/qx_app_token_manager.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/supplied_token_manager.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

@@ -9,11 +9,11 @@
 #include <memory>
 #include <string>
 
-#include "qx_status.h"
-#include "qx_test_env.h"
-#include "qxclnt_curl.h"
-#include "test_support.h"
-#include "websvc_tunnel_router.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/websvc_tunnel_router.h"
+#include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 

@@ -12,15 +12,15 @@
 #include <string>
 #include <vector>
 
-#include "qx_config.h"
-#include "qx_lock_file.h"
-#include "qx_status.h"
-#include "qx_test_env.h"
-#include "qx_test_process.h"
-#include "test_support.h"
+#include "platform/qx_config.h"
+#include "qxcurl/qx_lock_file.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/websvc_tunnel_iterator.h"
+#include "qxcurl/websvc_tunnel_router.h"
+#include "testing/fixture/qx_test_env.h"
+#include "testing/fixture/qx_test_process.h"
+#include "tests/test_support.h"
 #include "tunnel/qxwebsvcpxy_bpconf.h"
-#include "websvc_tunnel_iterator.h"
-#include "websvc_tunnel_router.h"
 
 namespace {
 

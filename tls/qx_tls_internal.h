@@ -1,5 +1,5 @@
-#ifndef QX_TLS_INTERNAL_H
-#define QX_TLS_INTERNAL_H
+#ifndef QXCURL_TLS_QX_TLS_INTERNAL_H
+#define QXCURL_TLS_QX_TLS_INTERNAL_H
 // Pieces shared by the TLS sources and their tests; not installed.
 #include <curl/curl.h>
 #include <openssl/ssl.h>
@@ -43,4 +43,4 @@ void qxTlsGateSession(SSL* ssl, const QXClientCURL* client);
 // alternative name, or the common name alone when there is none.
 void qxCertInfoNames(const struct curl_slist* entries, std::list<std::string>& names,
                      std::string* commonName = nullptr);
-#endif
+#endif  // QXCURL_TLS_QX_TLS_INTERNAL_H

@@ -9,13 +9,13 @@
 #include <type_traits>
 
 #include "client/qxclnt_curl_option.h"
-#include "qx_certmap.h"
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_certmap.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 #include "tls/qx_tls_internal.h"
 
 namespace {

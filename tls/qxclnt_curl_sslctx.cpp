@@ -10,13 +10,13 @@
 #include <memory>
 #include <mutex>
 
-#include "qx_config.h"
-#include "qx_crl.h"
-#include "qx_log.h"
-#include "qx_sslctx.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_config.h"
+#include "platform/qx_crl.h"
+#include "platform/qx_log.h"
+#include "platform/qx_sslctx.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 #include "tls/qx_tls_internal.h"
 
 int qxclientcurl_sslctx_index = -1;

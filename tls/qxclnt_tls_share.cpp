@@ -31,9 +31,9 @@
 #include <string>
 #include <vector>
 
-#include "qx_crl.h"
-#include "qx_log.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_crl.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qxclnt_curl.h"
 #include "tls/qx_tls_internal.h"
 
 namespace {

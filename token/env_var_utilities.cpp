@@ -1,4 +1,4 @@
-#include "env_var_utilities.h"
+#include "qxcurl/env_var_utilities.h"
 
 #include <cstdlib>
 

@@ -1,12 +1,12 @@
-#include "exec_custom_script.h"
+#include "qxcurl/exec_custom_script.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
-#include "qx_log.h"
-#include "qx_process.h"
-#include "qx_status.h"
+#include "platform/qx_log.h"
+#include "platform/qx_process.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 constexpr size_t kLineBuffer = 1024;

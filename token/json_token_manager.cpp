@@ -1,13 +1,13 @@
-#include "json_token_manager.h"
+#include "qxcurl/json_token_manager.h"
 
 #include <jansson.h>
 
 #include <climits>
 #include <cstdlib>
 
-#include "qx_json.h"
-#include "qx_log.h"
-#include "qx_status.h"
+#include "platform/qx_json.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qx_status.h"
 
 using namespace qxjson;
 

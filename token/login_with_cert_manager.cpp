@@ -1,4 +1,4 @@
-#include "login_with_cert_manager.h"
+#include "qxcurl/login_with_cert_manager.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,19 +10,19 @@
 #include <cstring>
 #include <map>
 
-#include "json_token_manager.h"
-#include "qx_certmap.h"
-#include "qx_config.h"
-#include "qx_lock_file.h"
-#include "qx_log.h"
-#include "qx_process.h"
-#include "qx_root.h"
-#include "qx_safefile.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
+#include "platform/qx_certmap.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_process.h"
+#include "platform/qx_root.h"
+#include "platform/qx_safefile.h"
+#include "platform/qx_util.h"
+#include "qxcurl/json_token_manager.h"
+#include "qxcurl/qx_lock_file.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 #include "token/token_factory.h"
-#include "token_guard.h"
+#include "token/token_guard.h"
 
 namespace {
 

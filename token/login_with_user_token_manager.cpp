@@ -1,4 +1,4 @@
-#include "login_with_user_token_manager.h"
+#include "qxcurl/login_with_user_token_manager.h"
 
 #include <strings.h>
 #include <unistd.h>
@@ -10,17 +10,17 @@
 #include <ctime>
 #include <sstream>
 
-#include "env_var_utilities.h"
-#include "exec_custom_script.h"
-#include "json_token_manager.h"
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_session_store.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
-#include "token_guard.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_session_store.h"
+#include "platform/qx_util.h"
+#include "qxcurl/env_var_utilities.h"
+#include "qxcurl/exec_custom_script.h"
+#include "qxcurl/json_token_manager.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "token/token_guard.h"
 
 using Arvion::Ostrel::TokenMgmt::SessionTokenMgmt;
 

@@ -1,15 +1,15 @@
-#include "qx_app_token_manager.h"
+#include "qxcurl/qx_app_token_manager.h"
 
 #include <jansson.h>
 
 #include <cstdlib>
 #include <memory>
 
-#include "qx_log.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qxclnt_curl.h"
-#include "token_guard.h"
+#include "platform/qx_log.h"
+#include "platform/qx_util.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "token/token_guard.h"
 
 namespace {
 constexpr const char* kLoginPath = "appliance/authservice/api/v1/auth/login";

@@ -1,4 +1,4 @@
-#include "qx_lock_file.h"
+#include "qxcurl/qx_lock_file.h"
 
 #include <unistd.h>
 
@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
-#include "qx_lock.h"
-#include "qx_status.h"
+#include "platform/qx_lock.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "supplied_token_manager.h"
+#include "qxcurl/supplied_token_manager.h"
 
-#include "qx_log.h"
+#include "platform/qx_log.h"
 
 SuppliedTokenManager::SuppliedTokenManager(const std::string& token) : m_token(token) {}
 

@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 
-#include "qx_types.h"
-#include "token_manager_base.h"
+#include "qxcurl/qx_types.h"
+#include "qxcurl/token_manager_base.h"
 
 // The certificate-login manager for server and port, keeping its token files
 // in "/usr/tarvo/tmp" (under the install root) named for the server, the
@@ -14,4 +14,4 @@
 std::unique_ptr<TokenManager_Base> qxNewCertLoginManager(const std::string& server, int port,
                                                          cert_type certType,
                                                          bool skipTrustProcessing);
-#endif
+#endif  // QXCURL_TOKEN_TOKEN_FACTORY_H

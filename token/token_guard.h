@@ -1,6 +1,6 @@
-#ifndef QXCURL_TOKEN_GUARD_H
-#define QXCURL_TOKEN_GUARD_H
-#include "qx_log.h"
+#ifndef QXCURL_TOKEN_TOKEN_GUARD_H
+#define QXCURL_TOKEN_TOKEN_GUARD_H
+#include "platform/qx_log.h"
 
 // Runs body and returns its status; a thrown status becomes the result and
 // anything else unknownStatus, both logged, so no exception leaves a public
@@ -17,4 +17,4 @@ int qxGuardStatus(const char* tag, int unknownStatus, Body&& body) {
     return unknownStatus;
   }
 }
-#endif
+#endif  // QXCURL_TOKEN_TOKEN_GUARD_H

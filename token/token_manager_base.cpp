@@ -1,3 +1,3 @@
-#include "token_manager_base.h"
+#include "qxcurl/token_manager_base.h"
 
 TokenManager_Base::~TokenManager_Base() = default;

@@ -7,11 +7,11 @@
 
 #include "client/qxclnt_curl_option.h"
 #include "client/qxclnt_retry.h"
-#include "qx_certmap.h"
-#include "qx_log.h"
-#include "qx_status.h"
-#include "qxclnt_curl.h"
-#include "websvc_tunnel_router.h"
+#include "platform/qx_certmap.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/websvc_tunnel_router.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
-#include "qxwebsvcpxy_bpconf.h"
+#include "tunnel/qxwebsvcpxy_bpconf.h"
 
 #include <strings.h>
 
 #include <memory>
 
-#include "qx_config.h"
-#include "qx_log.h"
-#include "qx_status.h"
+#include "platform/qx_config.h"
+#include "platform/qx_log.h"
+#include "qxcurl/qx_status.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Readers of the web-service settings of the master configuration: the
 // server and media server lists, tunnel use, tunnel switch, web server
 // connection time-out and the administrator's tunnel overrides.
-#ifndef QXWEBSVCPXY_BPCONF_H
-#define QXWEBSVCPXY_BPCONF_H
+#ifndef QXCURL_TUNNEL_QXWEBSVCPXY_BPCONF_H
+#define QXCURL_TUNNEL_QXWEBSVCPXY_BPCONF_H
 #include <list>
 #include <ostream>
 #include <string>
@@ -22,4 +22,4 @@ void addMediaServersToServers(std::list<std::string>& servers,
 
 // "a, b, " for log messages.
 std::ostream& operator<<(std::ostream& os, const std::list<std::string>& names);
-#endif
+#endif  // QXCURL_TUNNEL_QXWEBSVCPXY_BPCONF_H

@@ -1,10 +1,10 @@
-#include "websvc_tunnel_iterator.h"
+#include "qxcurl/websvc_tunnel_iterator.h"
 
 #include <list>
 #include <utility>
 
-#include "qx_log.h"
-#include "websvc_tunnel_router.h"
+#include "platform/qx_log.h"
+#include "qxcurl/websvc_tunnel_router.h"
 
 QXWebsvcTunnelIterator::QXWebsvcTunnelIterator(QXWebsvcTunnelRouter& router, std::string master)
     : m_position(-1), m_router(router), m_master(std::move(master)) {

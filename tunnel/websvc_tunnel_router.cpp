@@ -1,4 +1,4 @@
-#include "websvc_tunnel_router.h"
+#include "qxcurl/websvc_tunnel_router.h"
 
 #include <fcntl.h>
 #include <strings.h>
@@ -9,14 +9,14 @@
 #include <cstdio>
 #include <cstring>
 
-#include "qx_lock_file.h"
-#include "qx_log.h"
-#include "qx_root.h"
-#include "qx_safefile.h"
-#include "qx_status.h"
-#include "qx_util.h"
-#include "qx_wnet.h"
-#include "qxwebsvcpxy_bpconf.h"
+#include "platform/qx_log.h"
+#include "platform/qx_root.h"
+#include "platform/qx_safefile.h"
+#include "platform/qx_util.h"
+#include "platform/qx_wnet.h"
+#include "qxcurl/qx_lock_file.h"
+#include "qxcurl/qx_status.h"
+#include "tunnel/qxwebsvcpxy_bpconf.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #define QXCURL_ENV_VAR_UTILITIES_H
 #include <string>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 // Environment variables, read and set.
 class QX_API EnvVarUtilities {
@@ -12,4 +12,4 @@ class QX_API EnvVarUtilities {
   // Sets name, replacing an existing value. True on success.
   static bool putEnv(const std::string& name, const std::string& value);
 };
-#endif
+#endif  // QXCURL_ENV_VAR_UTILITIES_H

@@ -2,7 +2,7 @@
 #define QXCURL_EXEC_CUSTOM_SCRIPT_H
 #include <string>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 // Runs a shell command and captures the first line it prints.
 // Polymorphic, with its destructor out of line to anchor the type in the
@@ -19,4 +19,4 @@ class QX_API ExecCustomScript {
   // command's exit status plays no part.
   int run(const char* cmd, std::string& output);
 };
-#endif
+#endif  // QXCURL_EXEC_CUSTOM_SCRIPT_H

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 // JSON payloads the token managers send and the answers they read. Every
 // function returns 0 or a status: 20 empty input, 10 allocation failure,
@@ -34,4 +34,4 @@ QX_API int extractErrorFromJSON(const std::string& json, int& errorCode, std::st
 QX_API int extractUserDetailsFromJson(const std::string& json, std::string& userName,
                                       std::string& domainName, std::string& issuedBy,
                                       std::string& domainType, std::string& token, int& expireAt);
-#endif
+#endif  // QXCURL_JSON_TOKEN_MANAGER_H

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "qx_types.h"
-#include "qxcurl_export.h"
-#include "token_manager_base.h"
+#include "qxcurl/qx_types.h"
+#include "qxcurl/qxcurl_export.h"
+#include "qxcurl/token_manager_base.h"
 
 // Results of LoginWithCertManager::isJWTRefreshRequired.
 enum QXJWTRefreshDecision {
@@ -86,4 +86,4 @@ class QX_API LoginWithCertManager : public TokenManager_Base {
 // Replaces the run of the certificate tool by a call of hook (null restores
 // the tool). Process-wide; meant to be set once before use.
 QX_API void set_perform_cert_operations_cb(int (*hook)(std::string));
-#endif
+#endif  // QXCURL_LOGIN_WITH_CERT_MANAGER_H

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "qx_types.h"
-#include "qxcurl_export.h"
-#include "token_manager_base.h"
+#include "qxcurl/qx_types.h"
+#include "qxcurl/qxcurl_export.h"
+#include "qxcurl/token_manager_base.h"
 
 namespace Arvion {
 namespace Ostrel {
@@ -76,4 +76,4 @@ class QX_API LoginWithUserTokenManager : public TokenManager_Base {
   std::string m_password;
   cert_type m_certType;
 };
-#endif
+#endif  // QXCURL_LOGIN_WITH_USER_TOKEN_MANAGER_H

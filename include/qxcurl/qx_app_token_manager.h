@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "qxcurl_export.h"
-#include "token_manager_base.h"
+#include "qxcurl/qxcurl_export.h"
+#include "qxcurl/token_manager_base.h"
 
 // Access token of a backup appliance's authentication service, obtained by a
 // user-name and password login and kept in memory for the object's life.
@@ -36,4 +36,4 @@ class QX_API qxAppTokenManager : public TokenManager_Base {
   std::string m_password;
   std::string m_token;
 };
-#endif
+#endif  // QXCURL_QX_APP_TOKEN_MANAGER_H

@@ -2,7 +2,7 @@
 #define QXCURL_QX_LOCK_FILE_H
 #include <string>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 // A named lock file taken in the constructor (with bounded retries while
 // another holder has it) and released in the destructor.
@@ -74,4 +74,4 @@ class QX_API QXTFLockHelper {
 
 // Guards every read and write of the certificate-login token cache files.
 extern QX_API QXTFLock JWTLock;
-#endif
+#endif  // QXCURL_QX_LOCK_FILE_H

@@ -1,5 +1,5 @@
-#ifndef QXCLNT_CURL_H
-#define QXCLNT_CURL_H
+#ifndef QXCURL_QXCLNT_CURL_H
+#define QXCURL_QXCLNT_CURL_H
 #include <curl/curl.h>
 #include <openssl/types.h>
 
@@ -10,11 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "qx_status.h"
-#include "qx_types.h"
-#include "qxclnt_curl_constants.h"
-#include "qxcurl_export.h"
-#include "token_manager_base.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qx_types.h"
+#include "qxcurl/qxclnt_curl_constants.h"
+#include "qxcurl/qxcurl_export.h"
+#include "qxcurl/token_manager_base.h"
 
 struct host_cert_data;
 class QXWebsvcTunnelRouter;
@@ -452,4 +452,4 @@ QX_API int percentEncodeUriPart(const std::string& in, std::string& out);
 QX_API int percentDecodeUriPart(const std::string& in, std::string& out);
 // Product status -> X.509 verification code for the verification callback.
 QX_API int getSSLVerifyErrorCode(int status);
-#endif
+#endif  // QXCURL_QXCLNT_CURL_H

@@ -1,8 +1,8 @@
-#ifndef QXCLNT_CURL_CONSTANTS_H
-#define QXCLNT_CURL_CONSTANTS_H
+#ifndef QXCURL_QXCLNT_CURL_CONSTANTS_H
+#define QXCURL_QXCLNT_CURL_CONSTANTS_H
 #include <string>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 // URL paths of the web service.
 QX_API extern const std::string FEDS_URI;
@@ -35,4 +35,4 @@ QX_API extern const std::string QX_API_VERSION_HEADER_STR;
 QX_API extern const std::string QX_DEFAULT_MEDIA_TYPE;
 QX_API extern const std::string QX_HEADER_X_CLIENT_ID;
 QX_API extern const std::string QX_HEADER_X_CLIENT_ID_VALUE;
-#endif
+#endif  // QXCURL_QXCLNT_CURL_CONSTANTS_H

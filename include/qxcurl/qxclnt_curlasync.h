@@ -43,8 +43,8 @@
 //
 // Threads: a client belongs to one thread at a time; any number of clients
 // may share one loop. See docs/async.md.
-#ifndef QXCLNT_CURLASYNC_H
-#define QXCLNT_CURLASYNC_H
+#ifndef QXCURL_QXCLNT_CURLASYNC_H
+#define QXCURL_QXCLNT_CURLASYNC_H
 #include <curl/curl.h>
 #include <poll.h>
 #include <sys/select.h>
@@ -55,8 +55,8 @@
 #include <string>
 #include <vector>
 
-#include "qxclnt_curl.h"
-#include "qxcurl_export.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/qxcurl_export.h"
 
 class QXWebsvcTunnelIterator;
 
@@ -289,4 +289,4 @@ class QX_API QXClientAsyncCURLFactory : public AsyncCURLFactory {
  private:
   std::list<std::string> m_tunnelServers;
 };
-#endif
+#endif  // QXCURL_QXCLNT_CURLASYNC_H

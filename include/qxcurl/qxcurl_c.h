@@ -26,12 +26,12 @@
  *   if (*jwt != '\0') ...;
  *   free(jwt);
  */
-#ifndef QXCURL_C_H
-#define QXCURL_C_H
+#ifndef QXCURL_QXCURL_C_H
+#define QXCURL_QXCURL_C_H
 #include <jansson.h>
 
-#include "qx_status.h"
-#include "qxcurl_export.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxcurl_export.h"
 
 /* Cache decisions of web_sync_CAPI for GET requests (a POST never uses the
  * cache). Answers come from the cache of web-service results of the calling
@@ -78,4 +78,4 @@ QX_API char* get_machine_jwt(const char* server);
 #ifdef __cplusplus
 }
 #endif
-#endif
+#endif  // QXCURL_QXCURL_C_H

@@ -1,11 +1,11 @@
-#ifndef QXCURL_ROUTE_H
-#define QXCURL_ROUTE_H
+#ifndef QXCURL_QXCURL_ROUTE_H
+#define QXCURL_QXCURL_ROUTE_H
 // How the preferred-network rules route connections to a server: for
 // administrators checking their PREFERRED_NETWORK rules.
 #include <string>
 #include <vector>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 struct QXRouteAddress {
   std::string address;      // remote address, in the order connections are tried
@@ -30,4 +30,4 @@ struct QXRoute {
 // once. 0, or the WN_STATUS_* of a failed resolution (an empty server:
 // WN_STATUS_BAD_PARAM).
 QX_API int qxcurlRoute(const std::string& server, int port, long timeoutSeconds, QXRoute& out);
-#endif
+#endif  // QXCURL_QXCURL_ROUTE_H

@@ -1,6 +1,6 @@
-#ifndef QXCURL_VERSION_H
-#define QXCURL_VERSION_H
-#include "qxcurl_export.h"
+#ifndef QXCURL_QXCURL_VERSION_H
+#define QXCURL_QXCURL_VERSION_H
+#include "qxcurl/qxcurl_export.h"
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -9,4 +9,4 @@ QX_API const char* qxcurl_version(void);
 #ifdef __cplusplus
 }
 #endif
-#endif
+#endif  // QXCURL_QXCURL_VERSION_H

@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "qxcurl_export.h"
-#include "token_manager_base.h"
+#include "qxcurl/qxcurl_export.h"
+#include "qxcurl/token_manager_base.h"
 
 // Hands out a token the caller already holds: no login, no file, no retry.
 // Polymorphic, with its destructor out of line to anchor the type in the
@@ -24,4 +24,4 @@ class QX_API SuppliedTokenManager : public TokenManager_Base {
  private:
   std::string m_token;
 };
-#endif
+#endif  // QXCURL_SUPPLIED_TOKEN_MANAGER_H

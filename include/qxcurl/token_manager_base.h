@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 class QXClientCURL;
 
@@ -38,4 +38,4 @@ struct QX_API jwtToken {
   int64_t tokenExpTimeSec = 0;
   int64_t tokenLastFailTimeSec = 0;
 };
-#endif
+#endif  // QXCURL_TOKEN_MANAGER_BASE_H

@@ -1,9 +1,9 @@
-#ifndef WEBSVC_TUNNEL_ITERATOR_H
-#define WEBSVC_TUNNEL_ITERATOR_H
+#ifndef QXCURL_WEBSVC_TUNNEL_ITERATOR_H
+#define QXCURL_WEBSVC_TUNNEL_ITERATOR_H
 #include <string>
 #include <vector>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 class QXWebsvcTunnelRouter;
 
@@ -31,4 +31,4 @@ class QX_API QXWebsvcTunnelIterator {
   std::vector<std::string> m_tunnels;
   std::string m_master;
 };
-#endif
+#endif  // QXCURL_WEBSVC_TUNNEL_ITERATOR_H

@@ -1,9 +1,9 @@
-#ifndef WEBSVC_TUNNEL_ROUTER_H
-#define WEBSVC_TUNNEL_ROUTER_H
+#ifndef QXCURL_WEBSVC_TUNNEL_ROUTER_H
+#define QXCURL_WEBSVC_TUNNEL_ROUTER_H
 #include <list>
 #include <string>
 
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 // Decides whether HTTP tunnels are used to reach a master server's web
 // service, and which tunnel servers to try, one batch per call. An empty
@@ -52,4 +52,4 @@ QX_API bool parse_cache_line(std::string line, std::string& key, std::string& va
 // read-only install directory fall back to "/tmp"; without it that is 142.
 QX_API int getCacheFilePath(std::string& path, bool lockFile, bool allowTmp);
 QX_API int get_cache_file_names(std::string& cacheFile, std::string& lockFile, bool allowTmp);
-#endif
+#endif  // QXCURL_WEBSVC_TUNNEL_ROUTER_H

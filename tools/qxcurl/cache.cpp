@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "qx_status.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 #include "qxcurl_tool.h"
 
 namespace qxtool {

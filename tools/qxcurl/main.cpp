@@ -14,12 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "json_token_manager.h"
-#include "login_with_user_token_manager.h"
-#include "qx_status.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/json_token_manager.h"
+#include "qxcurl/login_with_user_token_manager.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/supplied_token_manager.h"
 #include "qxcurl_tool.h"
-#include "supplied_token_manager.h"
 
 using namespace qxtool;
 

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "qx_status.h"
-#include "qxclnt_curlasync.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curlasync.h"
 #include "qxcurl_tool.h"
 
 namespace qxtool {

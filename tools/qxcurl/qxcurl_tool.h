@@ -1,6 +1,6 @@
 // Pieces of the qxcurl command-line tool shared by its source files.
-#ifndef QXCURL_TOOL_H
-#define QXCURL_TOOL_H
+#ifndef QXCURL_TOOLS_QXCURL_QXCURL_TOOL_H
+#define QXCURL_TOOLS_QXCURL_QXCURL_TOOL_H
 #include <memory>
 #include <string>
 #include <vector>
@@ -126,4 +126,4 @@ int runRoute(const Options& o);
 int runCache(const Options& o);
 
 }  // namespace qxtool
-#endif
+#endif  // QXCURL_TOOLS_QXCURL_QXCURL_TOOL_H

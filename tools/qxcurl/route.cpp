@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "qxcurl_route.h"
+#include "qxcurl/qxcurl_route.h"
 #include "qxcurl_tool.h"
 
 namespace qxtool {

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "login_with_cert_manager.h"
-#include "login_with_user_token_manager.h"
-#include "qx_status.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/login_with_cert_manager.h"
+#include "qxcurl/login_with_user_token_manager.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
 #include "qxcurl_tool.h"
 
 namespace qxtool {

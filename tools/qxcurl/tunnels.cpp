@@ -4,10 +4,10 @@
 #include <list>
 #include <string>
 
-#include "qx_status.h"
-#include "qxclnt_curl.h"
+#include "qxcurl/qx_status.h"
+#include "qxcurl/qxclnt_curl.h"
+#include "qxcurl/websvc_tunnel_router.h"
 #include "qxcurl_tool.h"
-#include "websvc_tunnel_router.h"
 
 namespace qxtool {
 

@@ -1,5 +1,5 @@
-#ifndef QX_TYPES_H
-#define QX_TYPES_H
+#ifndef QXCURL_QX_TYPES_H
+#define QXCURL_QX_TYPES_H
 // Types shared between the platform services and the library's interface.
 
 // Which host certificate (and so which token files and trust store) a client uses.
@@ -16,4 +16,4 @@ enum ca_usage {
   CA_USAGE_ECA = 2,
   CA_USAGE_NONE = 3,
 };
-#endif
+#endif  // QXCURL_QX_TYPES_H

@@ -14,7 +14,7 @@
  * ASYNC_* are separate vocabularies and never appear here. */
 #ifndef QXCURL_QX_STATUS_H
 #define QXCURL_QX_STATUS_H
-#include "qxcurl_export.h"
+#include "qxcurl/qxcurl_export.h"
 
 /* X(name, number, text), sorted by number. */
 #define QX_STATUS_LIST(X)                                                                   \
@@ -105,4 +105,4 @@ QX_API const char* getECmsg(int status);
 #ifdef __cplusplus
 }
 #endif
-#endif
+#endif  // QXCURL_QX_STATUS_H

@@ -1,5 +1,5 @@
-#ifndef QXCURL_EXPORT_H
-#define QXCURL_EXPORT_H
+#ifndef QXCURL_QXCURL_EXPORT_H
+#define QXCURL_QXCURL_EXPORT_H
 // Everything is hidden by default; QX_API marks the library's interface.
 #define QX_API __attribute__((visibility("default")))
-#endif
+#endif  // QXCURL_QXCURL_EXPORT_H
