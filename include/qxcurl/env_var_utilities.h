@@ -1,3 +1,8 @@
+// Reading and setting environment variables (the API-key lookup of user
+// logins reads ARVION_APIKEY through it).
+//
+//   std::string keys;
+//   if (EnvVarUtilities::getEnv("ARVION_APIKEY", keys)) ...;
 #ifndef QXCURL_ENV_VAR_UTILITIES_H
 #define QXCURL_ENV_VAR_UTILITIES_H
 #include <string>

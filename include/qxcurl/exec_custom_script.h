@@ -1,3 +1,9 @@
+// Runs a shell command and keeps the first line it prints (the appliance
+// script that names a user's session target).
+//
+//   std::string out;
+//   int rc = ExecCustomScript().run("/usr/tarvo/arvion/qxa qxuserid", out);
+//   // rc: 0; 20 first line too long (text still in out); 29 not started.
 #ifndef QXCURL_EXEC_CUSTOM_SCRIPT_H
 #define QXCURL_EXEC_CUSTOM_SCRIPT_H
 #include <string>

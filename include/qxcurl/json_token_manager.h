@@ -1,3 +1,11 @@
+// The JSON payloads the token managers send and the answers they read,
+// built and parsed with jansson. Every function returns 0 or a status and
+// owns nothing after it returns: outputs are plain strings and ints.
+//
+//   std::string body;
+//   int rc = getUserLoginPayload("unixpwd", "master1", "admin", pw, body);
+//   std::string token; int validity = 0;
+//   rc = extractAuthTokenFromJSON(answer, token, validity);  // 7610: member missing
 #ifndef QXCURL_JSON_TOKEN_MANAGER_H
 #define QXCURL_JSON_TOKEN_MANAGER_H
 #include <map>

@@ -1,3 +1,15 @@
+// The token manager of hosts that log in with their own host certificate:
+// a JSON Web Token per server and certificate type, cached in a four-line
+// file of the token directory shared by every process of the host, refreshed
+// 300 s before it expires, held back 300 s after a refused login.
+//
+//   LoginWithCertManager m(1556, CERT_TYPE_HOST, dir, "m1.1.webtoken.dat",
+//                          "m1.1.websession.lck", false);
+//   std::string token;
+//   int rc = m.getToken("m1", token, false, nullptr);  // 5930: refused or held back
+// A client of session type QXCURL_USE_TOKEN creates one itself when given
+// none; a caller's manager stays the caller's unless ownsTokenManager says
+// otherwise.
 #ifndef QXCURL_LOGIN_WITH_CERT_MANAGER_H
 #define QXCURL_LOGIN_WITH_CERT_MANAGER_H
 #include <ctime>

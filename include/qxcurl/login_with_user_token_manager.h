@@ -1,3 +1,12 @@
+// The token manager of a person or script: a user session token obtained
+// with user name and password (or an API key from ARVION_APIKEY), kept in
+// the per-user session store, given up by deleteToken (logout).
+//
+//   LoginWithUserTokenManager m(1556, "unixpwd", "master1", "admin", pw, CERT_TYPE_HOST);
+//   QXClientCURL c("master1", 1556, CERT_TYPE_HOST, QXCURL_USE_TOKEN, &m);
+//   c.Get(HOSTS_URI);
+//   m.deleteToken("master1", nullptr);  // logout; the stored session is gone
+// The manager owns its session store; the client never owns the manager.
 #ifndef QXCURL_LOGIN_WITH_USER_TOKEN_MANAGER_H
 #define QXCURL_LOGIN_WITH_USER_TOKEN_MANAGER_H
 #include <memory>

@@ -1,3 +1,10 @@
+// The token manager of a backup appliance: an access token from the
+// appliance's authentication service, by user name and password, kept in
+// memory for the object's life (forceNew logs in again).
+//
+//   qxAppTokenManager m(443, "appliance1", caFile, "admin", pw);
+//   std::string token;
+//   int rc = m.getToken("", token, false, nullptr);  // 5433 HTTP refusal, 43 bad answer
 #ifndef QXCURL_QX_APP_TOKEN_MANAGER_H
 #define QXCURL_QX_APP_TOKEN_MANAGER_H
 #include <string>

@@ -1,3 +1,11 @@
+// Locks between processes around shared files: QXLockFile takes a lock file
+// with bounded retries (the tunnel cache), QXTFLock a shared or exclusive
+// lock (the token cache, through the process-wide JWTLock). Neither logs.
+//
+//   QXLockFile lock(path.c_str(), 10, 5);   // 10 attempts, 5 s apart
+//   if (!lock.isLocked()) return QX_ERR_LOCK;
+//   ...                                      // released by the destructor
+//   int st; QXTFLockHelper g(&JWTLock, lockPath.c_str(), 0, &st);  // 0 shared, 1 exclusive
 #ifndef QXCURL_QX_LOCK_FILE_H
 #define QXCURL_QX_LOCK_FILE_H
 #include <string>

@@ -1,3 +1,22 @@
+// QXClientCURL: the synchronous HTTPS client of the master server's web
+// service. One object wraps one libcurl handle bound to one server and port;
+// each verb builds the request, chooses and checks TLS trust, attaches the
+// authorisation token, routes through tunnels and the preferred-network
+// rules, retries inside the connection-retry window and returns one of the
+// product's statuses (qx_status.h). The HTTP code and the body stay on the
+// object until the next request.
+//
+//   QXClientCURL c("master1", 1556, CERT_TYPE_HOST, QXCURL_USE_TOKEN);
+//   int rc = c.Get(HOSTS_URI);
+//   if (rc == 0 && c.getHttpCode() == 200) use(c.getResponseBody());
+//   else fprintf(stderr, "%d: %s\n", rc, getECmsg(rc));
+//
+// Ownership: the caller owns the client; the client owns its handle, header
+// and resolve lists, tunnel router and connector, and the token manager only
+// when it created it or ownsTokenManager was true. A client is used by one
+// thread at a time. Constructors throw an int status (20, 103); no other
+// operation throws. Members documented as test seams (T_..., mock...) are
+// for the project's tests, not part of the interface.
 #ifndef QXCURL_QXCLNT_CURL_H
 #define QXCURL_QXCLNT_CURL_H
 #include <curl/curl.h>
@@ -126,6 +145,13 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   QXClientCURL& operator=(const QXClientCURL&) = delete;
 
   // ---- verbs ----
+  // Each sends one request to m_server_url + path and returns 0 when an HTTP
+  // answer arrived (read getHttpCode(); a 503 returns its error body's code,
+  // or 8625), otherwise the failure's status: 20 missing argument or empty
+  // payload, 47 connections disabled, 5930 no token, 85xx/93xx transport and
+  // TLS failures (qx_status.h). Put and Patch send the caller's bytes (the
+  // string must live through the call); Post copies them with line ends
+  // written as \n and \r.
   int Put(const std::string& path, const std::string& payload) override;
   int Post(const std::string& path, const std::string& payload) override;
   int PostMultipartFile(const std::string& path, const std::string& localfile,
@@ -133,9 +159,11 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int Patch(const std::string& path, const std::string& payload) override;
   int Get(const std::string& path) override;
   int Delete(const std::string& path) override;
+  // Get through the host's cache of web-service results (decision 0-4). A
+  // cache failure never fails the request; the status is the request's.
   int GetWithCache(cache_usage_decision decision, const std::string& path, WebSvcResponseType type,
                    int defaultTtl);
-  void mockCacheTTL(int ttl);
+  void mockCacheTTL(int ttl);  // test seam: the next answers' time to live
   // True when the last GetWithCache was answered from the cache.
   bool isServedFromCache() const { return m_servedFromCache; }
   // The cached results of this client's server and port (expired ones
@@ -144,6 +172,8 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int clearCachedResults(int* removed);
 
   // ---- options and request headers ----
+  // Setters return 0 or the status a refused libcurl option maps to; header
+  // names are passed with their ": " ("Accept: "), values are copied.
   int setupURL(const std::string& url) override;
   int setConnectTimeout(long seconds);
   int setupCurlOperationTimeout(long seconds);
@@ -160,14 +190,17 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   // the caller set since (time-outs, verification switches).
   int resetCurl();
   bool isTokenRefreshed() const { return m_tokenRefreshed; }
-  int encodeUriString(const std::string& in, std::string& out);
-  int refreshToken();
+  int encodeUriString(const std::string& in, std::string& out);  // 11 when libcurl fails
+  int refreshToken();                                            // 5930 when no token comes
 
   // Process-wide libcurl set-up; initGlobalCurl throws 103 on failure.
   static void initGlobalCurl();
   static void cleanupGlobalCurl();
 
   // ---- request execution and connection retry ----
+  // performOperation: the whole road of one request (direct, retries,
+  // tunnels); performCurlOperation: one attempt. Both return statuses as the
+  // verbs do. The rest are the retry window's steps, public for the tests.
   int performOperation();
   int performCurlOperation();
   int decideNextConnectRetryAction(int status, bool tunnelUsed);
@@ -180,6 +213,9 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   void mockTimerQueue(const std::queue<int>& sleeps) { m_retryTimerQueue = sleeps; }
 
   // ---- response headers and API versions ----
+  // getHttpHeaderField: 0, 20 empty name, 227 absent or malformed, 7610
+  // unterminated quote. getServerAPIVersion: a GET of arvion/ping, then 227
+  // when the server names no version.
   int getHttpHeaderField(const std::string& field, std::string& value);
   int getRequestTypeFromUrlPath(const std::string& path);
   int getServerAPIVersion(std::string& version);
@@ -189,6 +225,8 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int getCacheTTLFromAPIHeader();
 
   // ---- status mapping ----
+  // libcurl's last result (m_curlError) as the product's status; 8509 fills
+  // the names getExtendedErrorInfo hands out (copied into the caller's vector).
   int mapCurlError();
   int mapCurlPeerFailedVerification();
   bool getExtendedErrorInfo(int status, std::vector<std::string>* names);
@@ -196,6 +234,7 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   int makeStringResponseFromJson();
 
   // ---- debug trace ----
+  // The wire trace to the product log, header values and credentials masked.
   int setCurlVerbose();
   // A traced body's credential value that runs on into the next chunk
   // (received, sent): its rest is masked too.
@@ -207,6 +246,8 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   bool qxcurl_bpconf_keyvalue_state(const char* key, bool dflt);
 
   // ---- tunnels ----
+  // Option setters return 0 or a mapped libcurl status; the router keeps its
+  // own copy of the additional servers.
   bool isHttpTunnelAllowed();
   int enableHttpTunnelUse();
   int disableHttpTunnelUse();
@@ -259,7 +300,7 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   static size_t write_data(void* ptr, size_t size, size_t nmemb, void* userData);
   static size_t write_header(char* ptr, size_t size, size_t nmemb, void* userData);
 
-  // ---- test seams ----
+  // ---- test seams (for the project's tests; not part of the interface) ----
   // Every transfer goes through T_curl_easy_perform; null restores libcurl.
   static void T_setCurlEasyPerformer(CURLcode (*performer)(CURL*));
   static CURLcode T_curl_easy_perform(CURL* handle);
@@ -270,6 +311,11 @@ class QX_API QXClientCURL : public QXClientCURL_Base {
   static time_t T_time();
 
   // ---- TLS trust and PKI ----
+  // Paths are copied; the client never takes ownership of a file. Statuses:
+  // 0; 20 invalid load type or mutual authentication without certificate and
+  // key; 12 a caller's path that does not exist (setCustomCAPath, setupCAPath);
+  // 114 / 8762 passphrase file unreadable / empty; -1 from populatePKIArtifacts
+  // for a configured artifact that is missing; else a mapped libcurl status.
   int getCATypeToUse(const caLoadType& loadType, unsigned short port, ca_usage& out,
                      host_cert_data* artifacts);
   int populatePKIArtifacts(const ca_usage& usage, const host_cert_data& artifacts,

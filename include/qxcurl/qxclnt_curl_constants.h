@@ -1,3 +1,8 @@
+// The web service's URL paths, API versions, media types and header names,
+// as the client sends them.
+//
+//   client.Get(PING_URI);                            // "arvion/ping"
+//   client.setJsonMediaTypeAPIVersion(VERSION_5);    // Accept: ...;version=5.0
 #ifndef QXCURL_QXCLNT_CURL_CONSTANTS_H
 #define QXCURL_QXCLNT_CURL_CONSTANTS_H
 #include <string>

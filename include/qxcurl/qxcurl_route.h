@@ -1,3 +1,9 @@
+// How the preferred-network rules route connections to a server, address by
+// address: for administrators checking PREFERRED_NETWORK (qxcurl route).
+//
+//   QXRoute r;
+//   if (qxcurlRoute("master1", 1556, 5, r) == 0)
+//     for (const QXRouteAddress& a : r.addresses) print(a.address, a.ruleText, a.status);
 #ifndef QXCURL_QXCURL_ROUTE_H
 #define QXCURL_QXCURL_ROUTE_H
 // How the preferred-network rules route connections to a server: for

@@ -1,3 +1,7 @@
+/* The library's version, for programs that check what they run against.
+ *
+ *   printf("libqxcurl %s\n", qxcurl_version());   // static string, never freed
+ */
 #ifndef QXCURL_QXCURL_VERSION_H
 #define QXCURL_QXCURL_VERSION_H
 #include "qxcurl/qxcurl_export.h"

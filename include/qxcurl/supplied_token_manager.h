@@ -1,3 +1,8 @@
+// A token manager for a token the caller already holds (web_sync's token,
+// qxcurl --token): no login, no file, no retry.
+//
+//   SuppliedTokenManager t(jwt);
+//   QXClientCURL c("master1", 1556, CERT_TYPE_HOST, QXCURL_USE_TOKEN, &t);  // t stays the caller's
 #ifndef QXCURL_SUPPLIED_TOKEN_MANAGER_H
 #define QXCURL_SUPPLIED_TOKEN_MANAGER_H
 #include <string>

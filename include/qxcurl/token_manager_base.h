@@ -1,3 +1,10 @@
+// The interface between a client and whoever provides its authorisation
+// token, and the token record the certificate-login manager keeps. The
+// client calls getToken before a request, isRetryRequired after a refused
+// one, setupCurlOption while it is built.
+//
+//   class MyTokens : public TokenManager_Base { ... };  // the caller owns it
+//   QXClientCURL c(server, 1556, CERT_TYPE_HOST, QXCURL_USE_TOKEN, &mine);
 #ifndef QXCURL_TOKEN_MANAGER_BASE_H
 #define QXCURL_TOKEN_MANAGER_BASE_H
 #include <cstdint>

@@ -1,3 +1,12 @@
+// The tunnel router's batches for one master as a simple sequence of
+// candidates ("" means a direct connection). It refers to the router, which
+// must outlive it.
+//
+//   QXWebsvcTunnelIterator it(router, "master1");
+//   for (;;) {
+//     if (!it.hasNext()) { it.fetchTunnels(); if (!it.hasNext()) break; }
+//     std::string tunnel = it.next();
+//   }
 #ifndef QXCURL_WEBSVC_TUNNEL_ITERATOR_H
 #define QXCURL_WEBSVC_TUNNEL_ITERATOR_H
 #include <string>

@@ -1,3 +1,13 @@
+// QXWebsvcTunnelRouter: whether HTTP tunnels are used to reach a master and
+// which tunnel servers to try, one batch of candidates per call; the tunnels
+// that worked are remembered in memory and in the host's shared cache file.
+// Each client owns one; statuses are 0 or the failing step's status (142 no
+// install directory, 158 lock not taken, 13 file not trusted, 14 not written).
+//
+//   QXWebsvcTunnelRouter r;
+//   std::string master = "master1";
+//   std::list<std::string> batch = r.getWebsvcTunnelServers(master);
+//   r.updateWebsvcTunnelServersCache(master, batch.front());  // it worked
 #ifndef QXCURL_WEBSVC_TUNNEL_ROUTER_H
 #define QXCURL_WEBSVC_TUNNEL_ROUTER_H
 #include <list>
