@@ -31,50 +31,22 @@ class AsyncToolTest(unittest.TestCase):
         return self.host.run("--repeat", str(n), "--parallel", str(m), "--ca-type", "QXCA",
                              "--cacert", self.host.path("var/webtruststore/cacert.pem"), *args)
 
-    def connections(self, path):
-        return {r["connection"] for r in self.host.requests(path)}
-
-    def test_summary_and_connections(self):
-        r = self.repeat(24, 5, "GET", "arvion/ping")
-        self.assertEqual(0, r.returncode, r.stderr)
-        self.assertIn("Requests:\t24 (at most 5 in flight)", r.stdout)
-        self.assertIn("Completed:\t24\n  Failed:\t0", r.stdout)
-        self.assertIn("[0]\t24\tsuccess", r.stdout)
-        self.assertIn("[200]\t24", r.stdout)
-        self.assertRegex(r.stdout, r"Median:\t[0-9.]+ ms\n  99th pct:\t[0-9.]+ ms")
-        self.assertEqual(24, len(self.host.requests("arvion/ping")))
-        self.assertLessEqual(len(self.connections("arvion/ping")), 5)
-
-    def test_each_request_numbered_and_http_errors_counted(self):
+    def test_summary_numbered_answers_and_connections(self):
         self.host.control_call("POST", "faults", {"path": "arvion/ping", "kind": "status",
                                                   "status": 500, "count": 1})
-        r = self.repeat(6, 3, "--include", "GET", "arvion/ping")
+        r = self.repeat(24, 5, "--include", "GET", "arvion/ping")
         self.assertEqual(1, r.returncode, r.stderr)
-        self.assertIn("[200]\t5\n  [500]\t1", r.stdout)
-        for n in range(1, 7):
+        self.assertIn("Requests:\t24 (at most 5 in flight)", r.stdout)
+        self.assertIn("Completed:\t24\n  Failed:\t0", r.stdout)
+        self.assertIn("[200]\t23\n  [500]\t1", r.stdout)
+        self.assertRegex(r.stdout, r"Median:\t[0-9.]+ ms\n  99th pct:\t[0-9.]+ ms")
+        for n in range(1, 25):
             self.assertRegex(r.stdout, r"(?m)^\[%d\] HTTP/1.1 (200|500) " % n)
-        self.assertEqual(5, len(re.findall(r"(?m)^\[\d\] pong$", r.stdout)))
-
-        r = self.repeat(3, 2, "--verbose", "GET", "arvion/ping")
-        self.assertEqual(0, r.returncode)
-        for n in range(1, 4):
-            self.assertRegex(r.stderr, r"(?m)^\[%d\] status 0, HTTP 200, [0-9.]+ ms, direct$" % n)
-
-    def test_certificate_login_once_per_client_at_most(self):
-        r = self.repeat(9, 3, "--session", "token", "GET", "arvion/config/hosts")
-        self.assertEqual(0, r.returncode, r.stdout + r.stderr)
-        self.assertIn("[200]\t9", r.stdout)
-        self.assertLessEqual(len(self.host.requests("arvion/loginwithcert")), 3)
-
-    def test_usage_errors(self):
-        for args in (["--repeat", "0", "GET", "arvion/ping"],
-                     ["--parallel", "2", "GET", "arvion/ping"],
-                     ["--repeat", "2", "--parallel", "0", "GET", "arvion/ping"],
-                     ["--repeat", "2", "--token", "t", "GET", "arvion/ping"],
-                     ["--repeat", "2", "--file", "/etc/hostname", "UPLOAD", "arvion/upload"]):
+        self.assertEqual(23, len(re.findall(r"(?m)^\[\d+\] pong$", r.stdout)))
+        self.assertLessEqual(len({q["connection"] for q in self.host.requests()}), 5)
+        for args in (["--repeat", "0"], ["--parallel", "2"], ["--repeat", "2", "--token", "t"]):
             with self.subTest(args=args):
-                r = self.host.run(*args)
-                self.assertEqual(2, r.returncode, r.stdout + r.stderr)
+                self.assertEqual(2, self.host.run(*args, "GET", "arvion/ping").returncode)
 
     def test_example_program_select_and_poll(self):
         for mode in ([], ["--poll"]):

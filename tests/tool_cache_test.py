@@ -54,13 +54,10 @@ class ToolCacheTest(unittest.TestCase):
         self.assertIn("No cached results", self.tool("cache", *self.target(), "--list").stdout)
 
     def test_usage_errors(self):
-        for args, message in [
-                (self.target() + ["--cache", "1", "--data", "{}", "POST", PATH],
-                 "--cache applies to GET only"),
-                (["cache"] + self.target() + ["--list", "--clear"], "exclude each other"),
-                (["token"] + self.target() + ["--list"], "--list does not apply to token")]:
-            with self.subTest(args=args):
-                self.assertIn(message, self.tool(*args, code=2).stderr)
+        self.assertIn("--cache applies to GET only", self.tool(
+            *self.target(), "--cache", "1", "--data", "{}", "POST", PATH, code=2).stderr)
+        self.assertIn("exclude each other", self.tool(
+            "cache", *self.target(), "--list", "--clear", code=2).stderr)
 
 
 if __name__ == "__main__":
