@@ -90,12 +90,6 @@ struct WireFault {
   std::function<void(QXClientCURL&, const std::vector<QXRecordedRequest>&)> check = nullptr;
 };
 
-std::string replaceAll(std::string s, const std::string& from, const std::string& to) {
-  for (size_t p = s.find(from); p != std::string::npos; p = s.find(from, p + to.size()))
-    s.replace(p, from.size(), to);
-  return s;
-}
-
 // A client of the kind a row asks for, with no connection retries: a row
 // sees one attempt.
 class FaultMatrixBase : public QXEmulatorTest {
@@ -155,7 +149,9 @@ class FaultMatrixWire : public FaultMatrixBase, public ::testing::WithParamInter
 
 TEST_P(FaultMatrixWire, CallerGetsItsStatus) {
   const WireFault& f = GetParam();
-  const std::string setup = replaceAll(f.setup, "{port}", std::to_string(emulator().port()));
+  std::string setup = f.setup;
+  if (setup.find("{port}") != std::string::npos)
+    setup.replace(setup.find("{port}"), 6, std::to_string(emulator().port()));
   if (setup.find("certMode") != std::string::npos) {
     ASSERT_EQ(0, emulator().setConfig(setup));
   } else if (!setup.empty()) {
@@ -213,15 +209,10 @@ const WireFault kWireFaults[] = {
     {"HandshakeStalls", DIRECT, R"({"path": "TLS", "kind": "delay", "seconds": 4})", QX_ERR_TIMEOUT,
      0, 1},
     {"ResetDuringHandshake", DIRECT, R"({"path": "TLS", "kind": "reset"})", QX_ERR_TLS_CONNECT},
-    {"ClosedDuringHandshake", DIRECT, R"({"path": "TLS", "kind": "close"})", QX_ERR_TLS_CONNECT},
     {"TlsAlert", DIRECT, R"({"path": "TLS", "kind": "alert"})", QX_ERR_TLS_CONNECT},
-    {"NotTlsAtAll", DIRECT, R"({"path": "TLS", "kind": "raw", "body": "HTTP/1.1 400 Bad\r\n\r\n"})",
-     QX_ERR_TLS_CONNECT},
     // -- the answer
     {"ResetBeforeAnswer", DIRECT, R"({"kind": "reset"})", QX_ERR_RECEIVE},
-    {"ClosedBeforeAnswer", DIRECT, R"({"kind": "close"})", QX_ERR_RECEIVE},
     {"ResetMidBody", DIRECT, R"({"kind": "reset-body"})", QX_ERR_RECEIVE},
-    {"ClosedMidBody", DIRECT, R"({"kind": "drop"})", QX_ERR_RECEIVE},
     {"HeadersStall", DIRECT, R"({"kind": "delay", "seconds": 4})", QX_ERR_TIMEOUT, 0, 1},
     {"BodyStalls", DIRECT, R"({"kind": "stall-body", "seconds": 4})", QX_ERR_TIMEOUT, 0, 1},
     {"Status503WithErrorBody", DIRECT, R"({"kind": "503"})", 8003, 503},
@@ -229,16 +220,9 @@ const WireFault kWireFaults[] = {
      503},
     {"Status502WithErrorBody", DIRECT, R"({"kind": "502"})", QX_OK, 502, 0,
      [](QXClientCURL& c, Seen) { EXPECT_NE(std::string::npos, c.m_responseBody.find("8009")); }},
-    {"Status502WithoutBody", DIRECT, R"({"kind": "502", "body": ""})", QX_OK, 502},
-    {"Status504WithErrorBody", DIRECT,
-     R"({"kind": "status", "status": 504,
-         "body": {"errorCode": 8010, "errorMessage": "upstream timed out"}})",
-     QX_OK, 504},
     {"Status504WithoutBody", DIRECT, R"({"kind": "status", "status": 504, "body": ""})", QX_OK,
      504},
     {"MalformedStatusLine", DIRECT, R"({"kind": "raw", "body": "HTTP/1.1 2x0 OK\r\n\r\n"})",
-     QX_ERR_CURL_OTHER},
-    {"NotHttpAtAll", DIRECT, R"({"kind": "raw", "body": "SSH-2.0-OpenSSH\r\n"})",
      QX_ERR_CURL_OTHER},
     // libcurl takes up to 300 KB of headers in lines of up to 100 KB; the
     // client keeps them all for the header lookups.
@@ -301,8 +285,6 @@ const WireFault kWireFaults[] = {
     // -- the tunnel
     {"ProxyRefusesConnect", TINYPROXY_REFUSING, "", QX_ERR_RECEIVE, 403},
     {"ProxyDown", PROXY_DOWN, "", QX_ERR_CONNECT},
-    {"ProxyAnswers502", EMULATOR_TUNNEL, R"({"path": "CONNECT", "kind": "502"})", QX_ERR_RECEIVE,
-     502},
     {"ProxyResetsConnect", EMULATOR_TUNNEL, R"({"path": "CONNECT", "kind": "reset"})",
      QX_ERR_RECEIVE},
 };
@@ -434,16 +416,11 @@ TEST_F(FaultMatrixLocal, TunnelCacheLockHeldByStoppedProcess) {
   ASSERT_GT(holder, 0);
   g_lockSleeps.clear();
   QXLockFile::T_setSleeper(recordLockSleep);
-  bool locked;
-  int error;
-  {
-    QXLockFile lock(lockPath.c_str(), 10, 5);
-    locked = lock.isLocked();
-    error = lock.getLastError();
-  }
+  auto lock = std::make_unique<QXLockFile>(lockPath.c_str(), 10, 5);
+  EXPECT_FALSE(lock->isLocked());
+  EXPECT_EQ(QXLOCK_ERR_HELD, lock->getLastError());
+  lock.reset();
   endHolder(holder);
-  EXPECT_FALSE(locked);
-  EXPECT_EQ(QXLOCK_ERR_HELD, error);
   EXPECT_EQ(std::vector<int>(10, 5), g_lockSleeps);
 }
 
