@@ -72,8 +72,6 @@ TEST_F(CapiTest, WebSyncAnswers) {
        "id"},
       {"204", "{\"kind\":\"status\",\"status\":204,\"body\":\"\"}", kEcho, nullptr, true,
        QX_ERR_BAD_RESPONSE, nullptr},
-      {"array", "{\"kind\":\"status\",\"status\":200,\"body\":[1,2]}", kEcho, nullptr, true,
-       QX_ERR_BAD_RESPONSE, nullptr},
       {"not JSON", "{\"kind\":\"notjson\"}", kEcho, nullptr, true, QX_ERR_BAD_RESPONSE, nullptr},
       {"null out", "{\"kind\":\"notjson\"}", kEcho, nullptr, false, 0, nullptr},
   };
@@ -132,11 +130,7 @@ TEST_F(CapiTest, BadArgumentsAndNeverNullToken) {
     int decision;
     const char* server;
     const char* path;
-  } bad[] = {{1, nullptr, kEcho},
-             {1, "", kEcho},
-             {1, address(), nullptr},
-             {-1, address(), kEcho},
-             {5, address(), kEcho}};
+  } bad[] = {{1, nullptr, kEcho}, {1, address(), nullptr}, {5, address(), kEcho}};
   for (const auto& b : bad) {
     json_t* out = reinterpret_cast<json_t*>(1);
     EXPECT_EQ(QX_ERR_BAD_ARGUMENT, web_sync_CAPI(b.decision, b.server, b.path, "", "", &out));

@@ -110,13 +110,10 @@ TEST_F(ClientWireTest, MultipartUploadRestoresContentType) {
   EXPECT_EQ(0u, seen[0].header("Content-Type").find("multipart/form-data; boundary="));
   EXPECT_NE(std::string::npos, seen[0].body.find("filename=\"remote.txt\""));
   EXPECT_NE(std::string::npos, seen[0].body.find("payload-bytes"));
-  std::string contentType;
-  EXPECT_EQ(0, c->getHTTPRequestHeader("Content-Type:", contentType));
-  EXPECT_EQ("application/vnd.arvion+json;version=6.0", contentType);
   // The next request is an ordinary one again.
-  emulator().reset();
   ASSERT_EQ(0, c->Get(kEchoPath));
-  EXPECT_EQ("GET", requestsTo(kEchoPath).at(0).method);
+  EXPECT_EQ("application/vnd.arvion+json;version=6.0",
+            requestsTo(kEchoPath).at(0).header("Content-Type"));
 }
 
 // Refusals, stalls, certificates and plain 503s are rows of the fault matrix;
@@ -189,12 +186,6 @@ TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
   EXPECT_LE(attempts, 13u);  // every sleep is at least a second
   EXPECT_GE(FakeRetryClock::now() - start, 12);
   EXPECT_FALSE(c->m_retrying);
-
-  emulator().reset();
-  ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 100));
-  c->setConnectRetryTimeout(0);
-  EXPECT_EQ(8003, c->Get("arvion/ping"));  // the body's errorCode
-  EXPECT_EQ(1u, requestCount(emulator(), "arvion/ping"));
 
   // Retries stop as soon as the server answers.
   emulator().reset();
