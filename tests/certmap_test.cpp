@@ -47,15 +47,9 @@ TEST_F(CertMapTest, LookupStatuses) {
       {"any letter case", kMap, "MASTER1", 0, "Master1"},
       {"default entry", kMap, "unknown", 0, "master2"},
       {"no entry, no default", R"({"servers": {"a": {}}})", "b", QX_ERR_FILE_NOT_FOUND, ""},
-      {"default names nothing", R"({"servers": {}, "default": "x"})", "b", QX_ERR_FILE_NOT_FOUND,
-       ""},
       {"no map", nullptr, "Master1", QX_ERR_FILE_NOT_FOUND, ""},
       {"not JSON", "{\"servers\": ", "Master1", QX_ERR_JSON_PARSE, ""},
-      {"not an object", "[1, 2]", "Master1", QX_ERR_JSON_PARSE, ""},
-      {"servers not an object", R"({"servers": []})", "Master1", QX_ERR_JSON_PARSE, ""},
       {"caMode out of range", R"({"servers": {"m": {"caMode": 7}}})", "m", QX_ERR_JSON_PARSE, ""},
-      {"caSupported not a list", R"({"servers": {"m": {"caSupported": "QXCA"}}})", "m",
-       QX_ERR_JSON_PARSE, ""},
       {"path not a string", R"({"servers": {"m": {"QXCA": {"certificate": 5}}}})", "m",
        QX_ERR_JSON_PARSE, ""},
       {"path too long to keep whole", tooLong.c_str(), "m", QX_ERR_JSON_PARSE, ""},
@@ -115,9 +109,8 @@ TEST_F(CertMapTest, TrustVersionIsCurrentOnlyWhenEqual) {
     const char* theirs;
     int current;
   } cases[] = {
-      {"Master1", "1", 1}, {"Master1", "1.0", 1}, {"Master1", " 1\n", 1}, {"Master1", "2", 0},
-      {"Master1", "", 0},  {"Master1", "x1", 0},  {"master2", "1", 0},  // no local trust version:
-                                                                        // never current
+      {"Master1", "1.0", 1}, {"Master1", " 1\n", 1}, {"Master1", "2", 0},
+      {"Master1", "x1", 0},  {"master2", "1", 0},  // no local trust version: never current
   };
   for (const auto& tc : cases) {
     SCOPED_TRACE(std::string(tc.server) + " " + tc.theirs);

@@ -161,18 +161,6 @@ TEST_F(TlsHandshakeTest, ExternalCARevocationCheck) {
   }
 }
 
-TEST_F(TlsHandshakeTest, EveryConnectionIsCheckedForRevocation) {
-  // A resumed session would skip the verification callback: the second
-  // connection must see the CRL that was revoked in the meantime.
-  auto c = client(QXCURL_USE_TPCA_CERT);
-  c->setSkipCRLDownload();
-  ASSERT_EQ(0, fetch(*c));
-  curl_easy_setopt(c->m_curlHandle, CURLOPT_FORBID_REUSE, 1L);
-  ASSERT_EQ(0, fetch(*c));
-  setEcaMapMember(root(), "crl", "");
-  EXPECT_EQ(QX_ERR_CRL_UNAVAILABLE, fetch(*c));
-}
-
 TEST_F(TlsHandshakeTest, KeyLoadingOutcomes) {
   // An RSA key below 2048 bits, written next to the real artifacts.
   EVP_PKEY* weak = EVP_RSA_gen(1024);
@@ -196,10 +184,8 @@ TEST_F(TlsHandshakeTest, KeyLoadingOutcomes) {
       // Never a prompt on the terminal: a status, at once.
       {"wrong passphrase, files", "FEATURE_1 = no\n", hostKey, "wrong", passFile,
        QX_ERR_CLIENT_CERT},
-      {"no passphrase, files", "FEATURE_1 = no\n", hostKey, "", "", QX_ERR_CLIENT_CERT},
       {"wrong passphrase, in memory", "FEATURE_1 = yes\n", hostKey, "wrong", passFile,
        QX_ERR_CURL_OTHER},
-      {"no passphrase, in memory", "FEATURE_1 = yes\n", hostKey, "", "", QX_ERR_CURL_OTHER},
       {"weak key, FIPS", "FEATURE_1 = yes\nFIPS_MODE = yes\n", weakPath, "", passFile,
        QX_ERR_KEY_NOT_FIPS},
       {"strong key, FIPS", "FEATURE_1 = yes\nFIPS_MODE = yes\n", hostKey, "", passFile, 0},
