@@ -83,12 +83,6 @@ TEST_F(LogTest, ConfigurationKeysApplyWhenEnvironmentIsSilent) {
   std::vector<std::string> lines = readLines(m_root.path("conf.log"));
   ASSERT_EQ(1u, lines.size());
   EXPECT_NE(std::string::npos, lines[0].find("T: above"));
-
-  // The environment wins over the configuration.
-  setenv("QXCURL_LOG_LEVEL", "2", 1);
-  qxLogReconfigure();
-  logmsg(QXLOG_PROGRESS, QXLOG_CATEGORY, "T", "now wanted");
-  EXPECT_EQ(2u, readLines(m_root.path("conf.log")).size());
 }
 
 // A log file in "/tmp" that another account replaced by a link: root must not
