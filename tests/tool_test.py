@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
-"""The qxcurl command-line tool against the emulated master server.
+"""The qxcurl command-line tool and the asynchronous client's example program
+against the emulated master server.
 
 Builds a throw-away install root (ARVION_ROOT) with the shared test PKI, starts
-one emulator for the whole file and runs the real binary.
+one emulator for the whole file and runs the real binaries.
 """
 import json
 import os
@@ -20,19 +21,21 @@ SOURCE_DIR = os.environ.get("QXCURL_SOURCE_DIR",
                             os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BINARY_DIR = os.environ.get("QXCURL_BINARY_DIR", os.path.join(SOURCE_DIR, "build"))
 TOOL = os.path.join(BINARY_DIR, "qxcurl")
+EXAMPLE = os.path.join(BINARY_DIR, "examples", "qxcurl_async_example")
 
 # A password nothing else in a log could contain by chance.
 USER, PASSWORD = "alice", "Pw-7f3a9c-never-logged"
 LONG_TOKEN = "tok-" + "9d2e" * 8 + "-end"
 # This suite's tunnels: the emulator's own, which reaches it whatever port a
-# CONNECT names, and an address where nothing listens.
-TUNNEL, DEAD_TUNNEL = "127.0.2.41", "127.0.2.40"
+# CONNECT names, and an address where nothing listens; a source address.
+TUNNEL, DEAD_TUNNEL, SOURCE = "127.0.2.41", "127.0.2.40", "127.0.2.42"
+CACHED = "arvion/security/cacert"  # JSON, no token needed
 
 
 class ToolHost:
     """An install root, an emulator on loopback and a way to run the tool."""
 
-    def __init__(self, tunnel=None, host=None):
+    def __init__(self, tunnel=None):
         self.pki = os.path.join(BINARY_DIR, "testpki")
         subprocess.run([sys.executable, os.path.join(SOURCE_DIR, "testing/pki/gen_pki.py"),
                         self.pki], check=True, stdout=subprocess.DEVNULL)
@@ -54,7 +57,7 @@ class ToolHost:
         self.emulator = subprocess.Popen(
             [sys.executable, os.path.join(SOURCE_DIR, "testing/emulator/emulator.py"),
              "--pki", self.pki, "--users", users, "--log", self.path("var/emulator.log")]
-            + (["--tunnel", tunnel] if tunnel else []) + (["--host", host] if host else []),
+            + (["--tunnel", tunnel] if tunnel else []),
             stdout=subprocess.PIPE, stderr=self.emulator_err, text=True)
         ready = self.emulator.stdout.readline()
         m = re.match(r"READY port=(\d+) control=(\d+)", ready)
@@ -104,7 +107,7 @@ class ToolHost:
     def run(self, *args, server=True, input=None):
         """Runs the tool; a leading command word stays first."""
         args = list(args)
-        command = args[:1] if args and args[0] in ("login", "logout", "token", "tunnels") else []
+        command = args[:1] if args and args[0] in ("login", "logout", "token", "tunnels", "cache") else []
         target = []
         if server:
             target = ["--server", "localhost", "--port", str(self.port)]
@@ -325,6 +328,72 @@ class ToolTest(unittest.TestCase):
         with open(self.host.path("tmp", "localhost.1.webtoken.dat")) as f:
             self.assertEqual("xxxx", f.readline().strip())
 
+
+    def test_cached_get_list_and_clear(self):
+        def get(*args):
+            r = self.host.run("--insecure", "--include", *args, "GET", CACHED)
+            self.assertExit(r, 0)
+            return r.stdout
+        first = get("--cache", "1", "--ttl", "120")
+        self.assertTrue(first.startswith("HTTP/1.1 200"), first[:200])
+        head, _, body = get("--cache", "1").partition("\n\n")
+        self.assertEqual("served from cache", head)
+        self.assertEqual(json.loads(first.partition("\n\n")[2]), json.loads(body))
+        self.assertEqual(1, len(self.host.requests(CACHED)))
+        get("--cache", "2", "--ttl", "120")
+        self.assertEqual(2, len(self.host.requests(CACHED)))
+        self.assertRegex(self.host.run("cache").stdout,
+                         r"^%s  expires \S+Z \(in (1[01]\d|120) s\)  \d+ bytes\n$" % CACHED)
+        self.assertEqual("Removed 1 cached results of localhost:%d\n" % self.host.port,
+                         self.host.run("cache", "--clear").stdout)
+        self.assertIn("No cached results", self.host.run("cache", "--list").stdout)
+        for args, message in ((("--cache", "1", "--data", "{}", "POST", CACHED),
+                               "--cache applies to GET only"),
+                              (("cache", "--list", "--clear"), "exclude each other")):
+            with self.subTest(args=args):
+                self.assertIn(message, self.host.run(*args).stderr)
+
+    def test_route_shows_rule_source_and_outcome(self):
+        self.host.write_config("PREFERRED_NETWORK = bogus\nPREFERRED_NETWORK = 127.0.0.1 ONLY %s\n"
+                               % SOURCE)
+        r = self.host.run("route", "--server", "127.0.0.1", "--port", str(self.host.port),
+                          server=False)
+        self.assertExit(r, 0)
+        for text in ("route to 127.0.0.1 port %d: 1 address" % self.host.port,
+                     "[2] 127.0.0.1 ONLY " + SOURCE, "source:  " + SOURCE, "from " + SOURCE):
+            self.assertIn(text, r.stdout)
+        self.assertExit(self.host.run("route", "--port", "1", server=False), 2)
+
+    def test_repeat_in_parallel(self):
+        self.host.control_call("POST", "faults", {"path": "arvion/ping", "kind": "status",
+                                                  "status": 500, "count": 1})
+        r = self.host.run("--repeat", "24", "--parallel", "5", "--ca-type", "QXCA", "--cacert",
+                          self.host.path("var/webtruststore/cacert.pem"), "--include", "GET",
+                          "arvion/ping")
+        self.assertExit(r, 1)
+        self.assertIn("Requests:\t24 (at most 5 in flight)", r.stdout)
+        self.assertIn("Completed:\t24\n  Failed:\t0", r.stdout)
+        self.assertIn("[200]\t23\n  [500]\t1", r.stdout)
+        self.assertRegex(r.stdout, r"Median:\t[0-9.]+ ms\n  99th pct:\t[0-9.]+ ms")
+        for n in range(1, 25):
+            self.assertRegex(r.stdout, r"(?m)^\[%d\] HTTP/1.1 (200|500) " % n)
+        self.assertEqual(23, len(re.findall(r"(?m)^\[\d+\] pong$", r.stdout)))
+        self.assertLessEqual(len({q["connection"] for q in self.host.requests()}), 5)
+        for args in (["--repeat", "0"], ["--parallel", "2"], ["--repeat", "2", "--token", "t"]):
+            with self.subTest(args=args):
+                self.assertExit(self.host.run(*args, "GET", "arvion/ping"), 2)
+
+    def test_async_example_program_select_and_poll(self):
+        for mode in ([], ["--poll"]):
+            with self.subTest(mode=mode):
+                r = subprocess.run(
+                    [EXAMPLE, "--server", "localhost", "--port", str(self.host.port),
+                     "--cacert", self.host.path("var/webtruststore/cacert.pem"),
+                     "--count", "12", "--token", "--path", "arvion/config/hosts"] + mode,
+                    capture_output=True, text=True, env=self.host.env(), timeout=60)
+                self.assertExit(r, 0)
+                self.assertIn("12 of 12 requests succeeded through %s()"
+                              % ("poll" if mode else "select"), r.stdout)
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)
