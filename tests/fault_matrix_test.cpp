@@ -171,7 +171,7 @@ TEST_P(FaultMatrixWire, CallerGetsItsStatus) {
     std::string error;
     ASSERT_EQ(0, proxy->start(&error)) << error;
   }
-  LoopbackPort other(f.road == STALLED_PORT);
+  LoopbackPort other(f.road == STALLED_PORT ? LoopbackPort::STALLED : LoopbackPort::REFUSED);
   const int port =
       f.road == REFUSED_PORT || f.road == STALLED_PORT ? other.port() : emulator().port();
 

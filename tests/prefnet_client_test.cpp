@@ -100,13 +100,8 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
 
 TEST_F(PrefnetClientTest, ProhibitedAddressIsNeverDialled) {
   // A name with two addresses: a listener that must see nothing, then the server.
-  int watch = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(emulator().port()));
-  inet_pton(AF_INET, kProhibitedAddress, &a.sin_addr);
-  ASSERT_EQ(0, bind(watch, reinterpret_cast<sockaddr*>(&a), sizeof a));
-  ASSERT_EQ(0, listen(watch, 4));
+  LoopbackPort watch(LoopbackPort::LISTENING, kProhibitedAddress, emulator().port());
+  ASSERT_NE(0, watch.port());
   wnet_T_setHostAddresses("master.test", {kProhibitedAddress, kServerAddress});
 
   config(std::string("PREFERRED_NETWORK = ") + kProhibitedAddress + " PROHIBITED\n");
@@ -125,9 +120,7 @@ TEST_F(PrefnetClientTest, ProhibitedAddressIsNeverDialled) {
       << log.dump();
   EXPECT_EQ(1u, emulator().requests().size());
 
-  pollfd p = {watch, POLLIN, 0};
-  EXPECT_EQ(0, poll(&p, 1, 0)) << "the prohibited address was dialled";
-  close(watch);
+  EXPECT_EQ("", watch.acceptPeer()) << "the prohibited address was dialled";
   wnet_T_setHostAddresses("master.test", {});
 }
 

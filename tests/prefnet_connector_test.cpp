@@ -19,65 +19,6 @@
 
 namespace {
 
-std::string peerOf(int fd) {
-  sockaddr_storage sa{};
-  socklen_t len = sizeof sa;
-  char text[INET6_ADDRSTRLEN] = "";
-  if (getpeername(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0)
-    wnet_sockAddrNtoPWithLength(reinterpret_cast<sockaddr*>(&sa), len, text, sizeof text);
-  return text;
-}
-
-sockaddr_in v4(const std::string& address, int port) {
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(port));
-  inet_pton(AF_INET, address.c_str(), &a.sin_addr);
-  return a;
-}
-
-// A listening socket on address:port (port 0: any). A black hole's backlog is
-// filled, so that further connection attempts go unanswered.
-struct Listener {
-  int fd = -1;
-  int port = 0;
-  std::vector<int> fillers;
-
-  Listener(const std::string& address, int wantPort, bool blackHole = false) {
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a = v4(address, wantPort);
-    socklen_t len = sizeof a;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
-        listen(fd, blackHole ? 0 : 16) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
-      close(fd);
-      fd = -1;
-      return;
-    }
-    port = ntohs(a.sin_port);
-    for (int i = 0; blackHole && i < 8; ++i) {
-      int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-      connect(c, reinterpret_cast<sockaddr*>(&a), sizeof a);
-      fillers.push_back(c);
-      pollfd p = {c, POLLOUT, 0};
-      if (poll(&p, 1, 200) == 0) return;  // unanswered: the hole is ready
-    }
-    if (blackHole) port = 0;
-  }
-  ~Listener() {
-    for (int f : fillers) close(f);
-    if (fd >= 0) close(fd);
-  }
-  // The peer address of a waiting connection (accepted and closed), or "".
-  std::string acceptPeer() {
-    pollfd p = {fd, POLLIN, 0};
-    int c = poll(&p, 1, 0) == 1 ? accept(fd, nullptr, nullptr) : -1;
-    std::string peer = c >= 0 ? peerOf(c) : "";
-    if (c >= 0) close(c);
-    return peer;
-  }
-};
-
 int connectBlocking(qxclnt_curl_prefnet& c) {
   return c.connect(QXCLNT_CMODE_BLOCKING, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
 }
@@ -137,19 +78,22 @@ TEST_F(ConnectorTest, BlockingWalkTable) {
       return r;
     };
     const std::string roles = c.roles;
-    std::vector<std::unique_ptr<Listener>> listeners;
+    std::vector<std::unique_ptr<LoopbackPort>> listeners;
     std::vector<std::string> names;
     int port = 0;
     for (size_t i = 0; i < roles.size(); ++i) {
       names.push_back(addr(base, static_cast<int>(i)));
-      listeners.emplace_back(roles[i] == 'R' ? nullptr
-                                             : new Listener(names[i], port, roles[i] == 'B'));
+      listeners.emplace_back(
+          roles[i] == 'R'
+              ? nullptr
+              : new LoopbackPort(roles[i] == 'B' ? LoopbackPort::STALLED : LoopbackPort::LISTENING,
+                                 names[i], port));
       if (listeners[i]) {
-        port = listeners[i]->port;
+        port = listeners[i]->port();
         ASSERT_NE(0, port);
       }
     }
-    if (port == 0) port = Listener(names[0], 0).port;  // a port nothing listens on
+    if (port == 0) port = LoopbackPort(LoopbackPort::REFUSED, names[0]).port();
     std::vector<std::string> lines;
     for (const std::string& r : split(c.rules)) lines.push_back(expand(r));
     rules(lines);
@@ -210,11 +154,11 @@ int stepLoop(qxclnt_curl_prefnet& conn, int& action) {
 }
 
 TEST_F(ConnectorTest, NonBlockingStepsInASelectLoop) {
-  Listener good(addr(40, 1), 0);
-  ASSERT_NE(0, good.port);
+  LoopbackPort good(LoopbackPort::LISTENING, addr(40, 1));
+  ASSERT_NE(0, good.port());
   wnet_T_setHostAddresses("nb.test", {addr(40, 0), addr(40, 1)});  // the first refuses
   rules({});
-  qxclnt_curl_prefnet conn("nb.test", static_cast<unsigned>(good.port), 10);
+  qxclnt_curl_prefnet conn("nb.test", static_cast<unsigned>(good.port()), 10);
   int action = 0;
   ASSERT_EQ(WN_STATUS_SUCCESS, stepLoop(conn, action));
   ASSERT_EQ(qxclnt_curl_prefnet::ACTION_CONNECTED, action);

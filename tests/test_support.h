@@ -1,12 +1,14 @@
 // Small helpers several suites share: the client's retry clock made fake,
 // counts of what the emulator saw, certificate-login managers, the external
-// CA entries of the test root's certificate map, and loopback ports.
+// CA entries of the test root's certificate map, child processes, open
+// descriptors and loopback sockets.
 #ifndef QXCURL_TESTS_TEST_SUPPORT_H
 #define QXCURL_TESTS_TEST_SUPPORT_H
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <jansson.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/qx_wnet.h"
 #include "qxcurl/login_with_cert_manager.h"
 #include "qxcurl/qxclnt_curl.h"
 #include "testing/fixture/qx_test_env.h"
@@ -116,30 +119,55 @@ inline int openDescriptors() {
   return n;
 }
 
-// A socket bound to a free loopback port. Unlistened, a connect to that port
-// is refused; listening with a full accept queue, the kernel drops further
-// SYNs, so a connect stalls as one to a dead host does.
+// The peer address of a connected socket, "" when it has none.
+inline std::string peerOf(int fd) {
+  sockaddr_storage sa{};
+  socklen_t len = sizeof sa;
+  char text[INET6_ADDRSTRLEN] = "";
+  if (getpeername(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0)
+    wnet_sockAddrNtoPWithLength(reinterpret_cast<sockaddr*>(&sa), len, text, sizeof text);
+  return text;
+}
+
+// A socket bound to an IPv4 loopback address and port (0: a free one). Not
+// listening, a connect to it is refused; STALLED listens with its accept
+// queue full, so the kernel drops further SYNs and a connect stalls as one to
+// a dead host does. port() is 0 when the socket could not be set up.
 class LoopbackPort {
  public:
-  explicit LoopbackPort(bool stalled = false) : m_fd(socket(AF_INET, SOCK_STREAM, 0)) {
+  enum Mode { REFUSED, LISTENING, STALLED };
+  explicit LoopbackPort(Mode mode = REFUSED, const std::string& address = "127.0.0.1", int port = 0)
+      : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in a{};
     a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a.sin_port = htons(static_cast<uint16_t>(port));
+    inet_pton(AF_INET, address.c_str(), &a.sin_addr);
     socklen_t len = sizeof a;
-    bind(m_fd, reinterpret_cast<sockaddr*>(&a), len);
-    getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len);
-    m_port = ntohs(a.sin_port);
-    for (int i = 0; stalled && i < 2; ++i) {
-      if (i == 0) listen(m_fd, 0);
-      m_fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    if (bind(m_fd, reinterpret_cast<sockaddr*>(&a), len) != 0 ||
+        (mode != REFUSED && listen(m_fd, mode == STALLED ? 0 : 16) != 0) ||
+        getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+      return;
+    for (int i = 0; mode == STALLED && i < 8; ++i) {
+      m_fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
       connect(m_fillers.back(), reinterpret_cast<sockaddr*>(&a), len);
+      pollfd p = {m_fillers.back(), POLLOUT, 0};
+      if (poll(&p, 1, 200) == 0) break;  // unanswered: the queue is full
     }
+    m_port = ntohs(a.sin_port);
   }
   ~LoopbackPort() {
     for (int c : m_fillers) close(c);
     close(m_fd);
   }
   int port() const { return m_port; }
+  // The peer address of a waiting connection (accepted and closed), or "".
+  std::string acceptPeer() {
+    pollfd p = {m_fd, POLLIN, 0};
+    int c = poll(&p, 1, 0) == 1 ? accept(m_fd, nullptr, nullptr) : -1;
+    std::string peer = c >= 0 ? peerOf(c) : "";
+    if (c >= 0) close(c);
+    return peer;
+  }
 
  private:
   int m_fd;
