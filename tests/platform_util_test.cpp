@@ -125,7 +125,6 @@ TEST(WnetTest, IsServerNeedsThisMachineAndTheConfiguration) {
   } cases[] = {
       {"", "localhost", false},
       {"IS_SERVER = YES\n", "localhost", true},
-      {"IS_SERVER = YES\n", "[::1]", true},
       {"IS_SERVER = YES\n", host, true},
       {"IS_SERVER = YES\n", "remote.example.invalid", false},
       {"IS_SERVER = NO\nSERVER = remote\n", "localhost", false},

@@ -188,7 +188,6 @@ TEST_F(TlsHandshakeTest, KeyLoadingOutcomes) {
        QX_ERR_CURL_OTHER},
       {"weak key, FIPS", "FEATURE_1 = yes\nFIPS_MODE = yes\n", weakPath, "", passFile,
        QX_ERR_KEY_NOT_FIPS},
-      {"strong key, FIPS", "FEATURE_1 = yes\nFIPS_MODE = yes\n", hostKey, "", passFile, 0},
       // Loads, then does not match the certificate.
       {"weak key, no FIPS", "FEATURE_1 = yes\nFIPS_MODE = no\n", weakPath, "", passFile,
        QX_ERR_CURL_OTHER},

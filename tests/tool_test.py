@@ -9,7 +9,6 @@ import json
 import os
 import re
 import shutil
-import signal
 import socket
 import subprocess
 import sys
@@ -53,14 +52,13 @@ class ToolHost:
         users = self.path("users.json")
         with open(users, "w") as f:
             json.dump({"admin": "secret", USER: PASSWORD}, f)
-        self.emulator_err = open(self.path("var/emulator.err"), "w")
-        self.emulator = subprocess.Popen(
-            [sys.executable, os.path.join(SOURCE_DIR, "testing/emulator/emulator.py"),
-             "--pki", self.pki, "--users", users, "--log", self.path("var/emulator.log")]
-            + (["--tunnel", tunnel] if tunnel else []),
-            stdout=subprocess.PIPE, stderr=self.emulator_err, text=True)
-        ready = self.emulator.stdout.readline()
-        m = re.match(r"READY port=(\d+) control=(\d+)", ready)
+        with open(self.path("var/emulator.err"), "w") as err:
+            self.emulator = subprocess.Popen(
+                [sys.executable, os.path.join(SOURCE_DIR, "testing/emulator/emulator.py"),
+                 "--pki", self.pki, "--users", users, "--log", self.path("var/emulator.log")]
+                + (["--tunnel", tunnel] if tunnel else []),
+                stdout=subprocess.PIPE, stderr=err, text=True)
+        m = re.match(r"READY port=(\d+) control=(\d+)", self.emulator.stdout.readline())
         if not m:
             with open(self.path("var/emulator.err")) as f:
                 why = f.read()
@@ -76,15 +74,12 @@ class ToolHost:
             f.write("SERVER = localhost\nSESSION_TOKEN_DIR = var/sessions\n" + extra)
 
     def close(self):
-        if self.emulator.poll() is None:
-            self.emulator.send_signal(signal.SIGTERM)
-            try:
-                self.emulator.wait(5)
-            except subprocess.TimeoutExpired:
-                self.emulator.kill()
-                self.emulator.wait()
+        self.emulator.terminate()
+        try:
+            self.emulator.wait(5)
+        except subprocess.TimeoutExpired:
+            self.emulator.kill()
         self.emulator.stdout.close()
-        self.emulator_err.close()
         shutil.rmtree(self.root, ignore_errors=True)
 
     def control_call(self, method, path, body=None):
@@ -106,14 +101,12 @@ class ToolHost:
 
     def run(self, *args, server=True, input=None):
         """Runs the tool; a leading command word stays first."""
-        args = list(args)
-        command = args[:1] if args and args[0] in ("login", "logout", "token", "tunnels", "cache") else []
-        target = []
-        if server:
-            target = ["--server", "localhost", "--port", str(self.port)]
-            if not command:
-                target += ["--retry-window", "0"]
-        return subprocess.run([TOOL] + command + target + args[len(command):],
+        commands = ("login", "logout", "token", "tunnels", "cache")
+        command = list(args[:1]) if args and args[0] in commands else []
+        target = ["--server", "localhost", "--port", str(self.port)] if server else []
+        if server and not command:
+            target += ["--retry-window", "0"]
+        return subprocess.run([TOOL] + command + target + list(args[len(command):]),
                               input=input if input is not None else "", capture_output=True,
                               text=True, env=self.env(), timeout=60)
 

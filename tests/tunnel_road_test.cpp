@@ -184,7 +184,6 @@ TEST_F(TunnelRoadTest, RightMasterCheck) {
       {"localhost", "X-Target-Master-ID: " + uuid + "\r\n", true},
       {"localhost", "X-Target-Master-ID: 1234\r\nX-Target-Master: localhost\r\n", false},
       {"localhost", "X-Target-Master: LOCALHOST\r\n", true},
-      {"localhost", "", false},
       {"notinmap", "X-Target-Master-ID: 1234\r\nX-Target-Master: NotInMap\r\n", true},
   };
   for (const Case& c : cases) {
