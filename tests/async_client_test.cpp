@@ -93,11 +93,10 @@ class AsyncClientTest : public QXEmulatorTest {
   QXEmulatorOptions emulatorOptions() const override {
     QXEmulatorOptions o;
     // Only the tunnel test binds the tunnel port (cases run side by side).
-    if (testName() == "TunnelDownTakesTheNext") o.tunnels = {"127.0.5.31"};
+    if (std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()) ==
+        "TunnelDownTakesTheNext")
+      o.tunnels = {"127.0.5.31"};
     return o;
-  }
-  static std::string testName() {
-    return ::testing::UnitTest::GetInstance()->current_test_info()->name();
   }
   void SetUp() override {
     QXEmulatorTest::SetUp();
@@ -106,16 +105,13 @@ class AsyncClientTest : public QXEmulatorTest {
   }
   void TearDown() override {
     QXClientCURL::T_setTimeSource(nullptr);
-    wnet_T_setHostAddresses("localhost", {});
     QXEmulatorTest::TearDown();
   }
 
   std::unique_ptr<QXClientAsyncCURL> client(const std::string& path = "arvion/ping",
-                                            QXCurlSessionType session = QXCURL_INSECURE,
-                                            REQTYPE type = REQTYPE_GET,
-                                            const std::string& payload = "") {
+                                            QXCurlSessionType session = QXCURL_INSECURE) {
     std::unique_ptr<QXClientAsyncCURL> c(new QXClientAsyncCURL(
-        "localhost", emulator().port(), path, payload, type, CERT_TYPE_HOST, session));
+        "localhost", emulator().port(), path, "", REQTYPE_GET, CERT_TYPE_HOST, session));
     EXPECT_EQ(0, c->setCustomCAPath(root().pki("qxca/ca.pem"), "QXCA"));
     return c;
   }
