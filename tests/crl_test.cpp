@@ -14,56 +14,37 @@
 #include "platform/qx_crl.h"
 #include "qxcurl/qx_status.h"
 #include "testing/fixture/qx_test_env.h"
+#include "tests/test_support.h"
 
 namespace {
 
 constexpr int kNoCrl = QX_ERR_CRL_UNAVAILABLE;
 
-// Serves one body to every HTTP request on a loopback port.
+// Serves one body to every HTTP request on a loopback port and counts them.
 class CrlServer {
  public:
-  explicit CrlServer(std::string body) : m_body(std::move(body)) {
-    m_fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    if (bind(m_fd, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(m_fd, 8) != 0 ||
-        getsockname(m_fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-      return;
-    m_port = ntohs(a.sin_port);
-    m_thread = std::thread([this] { run(); });
-  }
+  explicit CrlServer(const std::string& body)
+      : m_thread([this, body] {
+          const std::string reply =
+              "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
+              body;
+          char buf[4096];
+          for (int c; (c = accept(m_port.fd(), nullptr, nullptr)) >= 0; close(c)) {
+            if (recv(c, buf, sizeof buf, 0) > 0) ++m_hits;  // counted before the client has it
+            if (send(c, reply.data(), reply.size(), MSG_NOSIGNAL) < 0) continue;
+          }
+        }) {}
   ~CrlServer() {
-    m_stop = true;
-    if (m_thread.joinable()) m_thread.join();
-    close(m_fd);
+    shutdown(m_port.fd(), SHUT_RDWR);  // ends the accept
+    m_thread.join();
   }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/ca.crl"; }
+  std::string url() const {
+    return "http://127.0.0.1:" + std::to_string(m_port.port()) + "/ca.crl";
+  }
   int hits() const { return m_hits; }
 
  private:
-  void run() {
-    while (!m_stop) {
-      pollfd p{m_fd, POLLIN, 0};
-      if (poll(&p, 1, 50) <= 0) continue;
-      int c = accept(m_fd, nullptr, nullptr);
-      if (c < 0) continue;
-      char buf[4096];
-      ssize_t got = recv(c, buf, sizeof buf, 0);
-      (void)got;
-      ++m_hits;  // before the reply: the client may be done as soon as it has it
-      std::string reply = "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(m_body.size()) +
-                          "\r\n\r\n" + m_body;
-      ssize_t sent = send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
-      (void)sent;
-      close(c);
-    }
-  }
-  std::string m_body;
-  int m_fd = -1;
-  int m_port = 0;
-  std::atomic<bool> m_stop{false};
+  LoopbackPort m_port{LoopbackPort::LISTENING};
   std::atomic<int> m_hits{0};
   std::thread m_thread;
 };

@@ -160,6 +160,7 @@ class LoopbackPort {
     close(m_fd);
   }
   int port() const { return m_port; }
+  int fd() const { return m_fd; }
   // The peer address of a waiting connection (accepted and closed), or "".
   std::string acceptPeer() {
     pollfd p = {m_fd, POLLIN, 0};
