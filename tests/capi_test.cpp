@@ -1,6 +1,5 @@
 // The C entry points against an emulated master on the fixed port 1556 of a
-// loopback address of their own, and the C example program (also under
-// valgrind).
+// loopback address of their own.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -146,34 +145,6 @@ TEST_F(CapiTest, BadArgumentsAndNeverNullToken) {
 
   init_qxcurllib();
   EXPECT_EQ(&web_sync_CAPI, getWebAPICallback());
-}
-
-// The C example in a process of its own: the second call comes from the
-// cache. (The library's memory use is checked under valgrind with the tool,
-// and the ASan build runs this too, leak check included.)
-class CExampleTest : public CapiTest {
- protected:
-  const char* address() const override { return "127.0.3.3"; }
-};
-
-TEST_F(CExampleTest, Runs) {
-  // The login asks the certificate tool to check the trust store.
-  std::string tool = root().path("arvion/bin/qxcertcmd");
-  mkdir(root().path("arvion/bin").c_str(), 0755);
-  ASSERT_TRUE(
-      qxWriteFile(tool, qxReadFile(std::string(QXCURL_SOURCE_DIR) + "/testing/certcmd/qxcertcmd")));
-  ASSERT_EQ(0, chmod(tool.c_str(), 0755));
-  const std::string out = root().path("example.out");
-  std::string why;
-  pid_t pid = qxSpawn({std::string(QXCURL_BINARY_DIR) + "/examples/qxcurl_c_example", address()},
-                      out, root().path("example.err"), &why);
-  ASSERT_GT(pid, 0) << why;
-  int status = 0;
-  while (qxChildRunning(pid, &status)) qxSleepMs(20);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << qxReadFile(out);
-  EXPECT_NE(std::string::npos, qxReadFile(out).find("machine token: obtained"));
-  EXPECT_NE(std::string::npos, qxReadFile(out).find("call 2: 8 members, path arvion/config/hosts"));
-  EXPECT_EQ(1u, requestCount(emulator(), kEcho, "GET"));
 }
 
 }  // namespace

@@ -46,11 +46,8 @@ TEST_F(TlsPkiTest, CATypeDecision) {
     const char* wantCert;  // suffix of the artifacts' certificate path
   } cases[] = {
       {"forced own CA, no lookup", "", CA_LOAD_FORCE_QXCA, false, 0, 0, ""},
-      {"forced external CA, no lookup", "", CA_LOAD_FORCE_ECA, false, 0, 2, ""},
-      {"configured, map prefers own CA", kBothCAs, CA_LOAD_CONFIGURED, true, 0, 0, "qxca/host.pem"},
       {"configured, map prefers external CA", mapWithSupported(R"(["ECA", "QXCA"])"),
        CA_LOAD_CONFIGURED, true, 0, 2, "eca/host.pem"},
-      {"configured, map lists none", mapWithSupported("[]"), CA_LOAD_CONFIGURED, true, 0, 3, ""},
       {"configured, map garbage", "{\"servers\": [1,", CA_LOAD_CONFIGURED, true, 0, 0, ""},
       {"forced own CA, map prefers external", mapWithSupported(R"(["ECA"])"), CA_LOAD_FORCE_QXCA,
        true, 0, 0, "qxca/host.pem"},

@@ -1,9 +1,8 @@
 #!/usr/bin/env python3
-"""The qxcurl command-line tool and the asynchronous client's example program
-against the emulated master server.
+"""The qxcurl command-line tool against the emulated master server.
 
 Builds a throw-away install root (ARVION_ROOT) with the shared test PKI, starts
-one emulator for the whole file and runs the real binaries.
+one emulator for the whole file and runs the real binary.
 """
 import json
 import os
@@ -20,7 +19,6 @@ SOURCE_DIR = os.environ.get("QXCURL_SOURCE_DIR",
                             os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BINARY_DIR = os.environ.get("QXCURL_BINARY_DIR", os.path.join(SOURCE_DIR, "build"))
 TOOL = os.path.join(BINARY_DIR, "qxcurl")
-EXAMPLE = os.path.join(BINARY_DIR, "examples", "qxcurl_async_example")
 
 # A password nothing else in a log could contain by chance.
 USER, PASSWORD = "alice", "Pw-7f3a9c-never-logged"
@@ -376,17 +374,6 @@ class ToolTest(unittest.TestCase):
             with self.subTest(args=args):
                 self.assertExit(self.host.run(*args, "GET", "arvion/ping"), 2)
 
-    def test_async_example_program_select_and_poll(self):
-        for mode in ([], ["--poll"]):
-            with self.subTest(mode=mode):
-                r = subprocess.run(
-                    [EXAMPLE, "--server", "localhost", "--port", str(self.host.port),
-                     "--cacert", self.host.path("var/webtruststore/cacert.pem"),
-                     "--count", "12", "--token", "--path", "arvion/config/hosts"] + mode,
-                    capture_output=True, text=True, env=self.host.env(), timeout=60)
-                self.assertExit(r, 0)
-                self.assertIn("12 of 12 requests succeeded through %s()"
-                              % ("poll" if mode else "select"), r.stdout)
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)
