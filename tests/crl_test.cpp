@@ -146,21 +146,6 @@ TEST_F(CrlTest, CheckByLevelAndCrl) {
   }
 }
 
-TEST_F(CrlTest, CrlsAreFoundUnderTheRootAndInTheMap) {
-  const std::string revoked =
-      qxReadFile(m_root.pki("eca/revoked.pem")) + qxReadFile(m_root.pki("eca/intermediate.pem"));
-  ASSERT_EQ(0, mkdir(m_root.path("var/crl").c_str(), 0755));
-  // A garbage file next to a real one is skipped, not fatal.
-  file("var/crl/junk.r0", "garbage");
-  file("var/crl/1.r0", qxReadFile(m_root.pki("eca/crl.pem")));
-  EXPECT_TRUE(check(revoked, 1).revoked);
-
-  std::remove(m_root.path("var/crl/1.r0").c_str());
-  EXPECT_EQ(kNoCrl, check(revoked, 1).rc);
-  file("var/certmap.json", R"({"servers": {"m": {"ECA": {"crl": "var/pki/eca/crl.pem"}}}})");
-  EXPECT_TRUE(check(revoked, 1).revoked);
-}
-
 TEST_F(CrlTest, DownloadFromTheDistributionPoint) {
   const std::string interCrl = ecaCrl(0);
   struct Case {

@@ -116,45 +116,40 @@ class FixedCache : public QXRevocationCache {
 };
 
 TEST_F(TlsHandshakeTest, ExternalCARevocationCheck) {
-  enum { ALLOW_FAILED = 1, DISABLE = 2, LIBCURL_CHECKS_OFF = 4, DOWNLOAD = 8 };
+  enum { ALLOW_FAILED = 1, DISABLE = 2, LIBCURL_CHECKS_OFF = 4 };
   const std::string crl = "var/pki/eca/crl.pem";
   FixedCache notRevoked(0, false), revoked(0, true), unknown(1);
   struct Case {
     const char* name;
     const char* certMode;
     std::string crl;  // ECA "crl" of the map
-    const char* level;
     int switches;
     FixedCache* cache;
     int want;
   } cases[] = {
       // A revoked leaf and a missing CRL with no switch are rows of the fault
       // matrix.
-      {"revoked, check disabled", "revoked", crl, "1", DISABLE, nullptr, 0},
-      {"no CRL, failure allowed", "normal", "", "1", ALLOW_FAILED, nullptr, 0},
-      // The leaf's distribution point does not answer: fails, and soon.
-      {"no CRL, download fails", "normal", "", "1", DOWNLOAD, nullptr, QX_ERR_CRL_UNAVAILABLE},
+      {"revoked, check disabled", "revoked", crl, DISABLE, nullptr, 0},
+      {"no CRL, failure allowed", "normal", "", ALLOW_FAILED, nullptr, 0},
       // libcurl loads no CA then: the callback must not make that a failure.
-      {"revoked, libcurl checks off", "revoked", crl, "1", LIBCURL_CHECKS_OFF, nullptr, 0},
+      {"revoked, libcurl checks off", "revoked", crl, LIBCURL_CHECKS_OFF, nullptr, 0},
       // No CRL anywhere: only a cached verdict can accept the leaf.
-      {"cached not revoked", "normal", "", "1", 0, &notRevoked, 0},
-      {"cached revoked", "normal", "", "1", 0, &revoked, QX_ERR_CERT_REVOKED},
-      {"unknown to the cache", "normal", "", "1", 0, &unknown, QX_ERR_CRL_UNAVAILABLE},
+      {"cached not revoked", "normal", "", 0, &notRevoked, 0},
+      {"cached revoked", "normal", "", 0, &revoked, QX_ERR_CERT_REVOKED},
+      {"unknown to the cache", "normal", "", 0, &unknown, QX_ERR_CRL_UNAVAILABLE},
   };
+  ASSERT_TRUE(root().writeConfig("CRL_CHECK_LEVEL = 1\n"));
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
-    ASSERT_TRUE(root().writeConfig(std::string("CRL_CHECK_LEVEL = ") + tc.level + "\n"));
     ASSERT_EQ(0, emulator().setConfig(std::string(R"({"certMode": ")") + tc.certMode + "\"}"));
     setEcaMapMember(root(), "crl", tc.crl);
     auto c = client(QXCURL_USE_TPCA_CERT);
-    if ((tc.switches & DOWNLOAD) == 0) c->setSkipCRLDownload();
+    c->setSkipCRLDownload();
     if (tc.switches & ALLOW_FAILED) c->allowConnectionWithFailedCRLCheck();
     if (tc.switches & DISABLE) c->DisableCrlCheck();
     if (tc.switches & LIBCURL_CHECKS_OFF) c->setSkipPeerHostVerification();
     c->m_revocationCache = tc.cache;
-    auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(tc.want, fetch(*c)) << c->m_errorBuffer;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(8));
     if (tc.cache != nullptr) {
       EXPECT_EQ(1, tc.cache->m_lookups);
     }
