@@ -157,7 +157,7 @@ TEST_F(AsyncClientTest, CertificateLoginOnceThenCachedThenRefreshedOnExpiry) {
     EXPECT_NE(std::string::npos, c->getResponseData().find("\"tokenKind\": \"machine\""))
         << c->getResponseData();
   }
-  EXPECT_EQ(1u, requestCount(emulator(), "arvion/loginwithcert"));
+  EXPECT_EQ(1u, emulator().requestCount("arvion/loginwithcert"));
   EXPECT_EQ(1u, m_log.count("acquire fresh JWT token"));
 
   // An expired token: 401 with 117, one login, one retry.
@@ -166,7 +166,7 @@ TEST_F(AsyncClientTest, CertificateLoginOnceThenCachedThenRefreshedOnExpiry) {
   auto c = client("arvion/config/hosts", QXCURL_USE_TOKEN);
   ASSERT_EQ(ASYNC_COMPLETED, driveOne(*c).back()) << m_log.dump();
   EXPECT_EQ(200, c->getHttpResponseStatusCode());
-  EXPECT_EQ(2u, requestCount(emulator(), "arvion/loginwithcert"));
+  EXPECT_EQ(2u, emulator().requestCount("arvion/loginwithcert"));
   EXPECT_EQ(1u, m_log.count("Retrying once more due to access denied"));
 
   // A refused login fails with 5930 and holds every process back.
@@ -188,7 +188,7 @@ TEST_F(AsyncClientTest, A503IsRetriedInsideTheWindow) {
   std::vector<int> st = driveOne(*c);
   EXPECT_EQ(1, std::count(st.begin(), st.end(), ASYNC_RETRY_WAIT));
   EXPECT_EQ(ASYNC_COMPLETED, st.back());
-  EXPECT_EQ(2u, requestCount(emulator(), "arvion/ping"));
+  EXPECT_EQ(2u, emulator().requestCount("arvion/ping"));
 }
 
 TEST_F(AsyncClientTest, VersionFetchAfter406ThenTheLowerVersion) {
@@ -277,7 +277,7 @@ TEST_F(AsyncClientTest, TwoHundredClientsInOneLoop) {
               clients[i]->getResponseData().find("\"query\": \"n=" + std::to_string(i) + "\""))
         << clients[i]->getResponseData();
   }
-  EXPECT_EQ(1u, requestCount(emulator(), "arvion/loginwithcert"));
+  EXPECT_EQ(1u, emulator().requestCount("arvion/loginwithcert"));
 }
 
 TEST_F(AsyncClientTest, DescriptorAboveFdSetSizeFailsClearly) {
@@ -335,7 +335,7 @@ TEST_F(AsyncClientTest, MisuseGetsAStatusNeverACrash) {
   // Destroyed mid-transfer, connecting or waiting for the answer: nothing
   // stays open.
   ASSERT_EQ(0, emulator().addFault("arvion/ping", "delay", 2, "{\"seconds\": 2}"));
-  int before = openDescriptors();
+  int before = qxOpenDescriptors();
   for (int steps : {1, 3}) {
     auto d = client();
     FD_ZERO(&wr);
@@ -347,7 +347,7 @@ TEST_F(AsyncClientTest, MisuseGetsAStatusNeverACrash) {
     }
     EXPECT_FALSE(finished(s));
   }
-  EXPECT_EQ(before, openDescriptors());
+  EXPECT_EQ(before, qxOpenDescriptors());
 }
 
 }  // namespace

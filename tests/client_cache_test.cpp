@@ -50,7 +50,7 @@ class ClientCacheTest : public QXEmulatorTest {
   std::string url(const std::string& path) {
     return "https://localhost:" + std::to_string(emulator().port()) + "/" + path;
   }
-  size_t gets(const std::string& path) { return requestCount(emulator(), path, "GET"); }
+  size_t gets(const std::string& path) { return emulator().requestCount(path, "GET"); }
   // The stored entry of path, "" when there is none.
   QXCSCacheEntry stored(const std::string& path, std::string* value = nullptr) {
     QXCSCacheEntry info;
@@ -242,7 +242,7 @@ TEST_F(ClientCacheTest, ManyProcessesMissingOneKeyMakeOneRequest) {
       return 1;
     }
   };
-  EXPECT_EQ(0, runChildren(kProcesses, body, [&] {
+  EXPECT_EQ(0, qxRunChildren(kProcesses, body, [&] {
               close(gate[0]);
               close(gate[1]);
             }));

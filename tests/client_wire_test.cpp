@@ -146,7 +146,7 @@ TEST_F(ClientWireTest, FailuresThatDependOnConfigurationOrBody) {
     if (k.fault503 != nullptr) {
       ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 1, k.fault503));
     }
-    LoopbackPort refused;
+    QXLoopbackPort refused;
     auto c = client(QXCURL_INSECURE, nullptr, "", k.refusedPort ? refused.port() : 0, k.server);
     EXPECT_EQ(k.status, c->Get("arvion/ping"));
     EXPECT_EQ(k.fault503 ? 1u : 0u, emulator().requests().size());  // window 0: no retry
@@ -171,8 +171,8 @@ TEST_F(ClientWireTest, ApiVersionRenegotiatedOnce) {
   ASSERT_EQ(0, emulator().addFault(kEchoPath, "status", 5, "{\"status\": 406}"));
   EXPECT_EQ(0, c->Get(kEchoPath));
   EXPECT_EQ(406, c->m_httpCode);
-  EXPECT_EQ(2u, requestCount(emulator(), kEchoPath));
-  EXPECT_EQ(1u, requestCount(emulator(), "arvion/ping"));
+  EXPECT_EQ(2u, emulator().requestCount(kEchoPath));
+  EXPECT_EQ(1u, emulator().requestCount("arvion/ping"));
 }
 
 TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
@@ -181,7 +181,7 @@ TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
   c->setConnectRetryTimeout(12);
   time_t start = FakeRetryClock::now();
   EXPECT_EQ(8003, c->Get("arvion/ping"));  // the body's errorCode
-  size_t attempts = requestCount(emulator(), "arvion/ping");
+  size_t attempts = emulator().requestCount("arvion/ping");
   EXPECT_GE(attempts, 2u);
   EXPECT_LE(attempts, 13u);  // every sleep is at least a second
   EXPECT_GE(FakeRetryClock::now() - start, 12);
@@ -192,7 +192,7 @@ TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
   ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 2));
   c->setConnectRetryTimeout(120);
   EXPECT_EQ(0, c->Get("arvion/ping"));
-  EXPECT_EQ(3u, requestCount(emulator(), "arvion/ping"));
+  EXPECT_EQ(3u, emulator().requestCount("arvion/ping"));
   EXPECT_EQ("pong\n", c->m_responseBody);
 }
 

@@ -48,7 +48,7 @@ bool wellFormed(const std::string& token) {
 
 class ConcurrencyTest : public QXEmulatorTest {
  protected:
-  size_t logins() { return loginCount(emulator()); }
+  size_t logins() { return emulator().requestCount("arvion/loginwithcert"); }
 };
 
 // Child i: kRequests token requests; at the start of every round all
@@ -89,7 +89,7 @@ TEST_F(ConcurrencyTest, ProcessesLogInOncePerRefresh) {
 
   auto mgr = certLoginManager(root(), "localhost", emulator().port());
   const std::string out = root().path("tmp/seen");
-  const int failed = runChildren(kProcesses, [&](int i) -> int { child(i, *mgr, out); });
+  const int failed = qxRunChildren(kProcesses, [&](int i) -> int { child(i, *mgr, out); });
   LoginWithCertManager::T_setClock(nullptr);
   pthread_barrier_destroy(&g_shared->barrier);
   munmap(mem, sizeof(Shared));

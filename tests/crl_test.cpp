@@ -44,7 +44,7 @@ class CrlServer {
   int hits() const { return m_hits; }
 
  private:
-  LoopbackPort m_port{LoopbackPort::LISTENING};
+  QXLoopbackPort m_port{QXLoopbackPort::LISTENING};
   std::atomic<int> m_hits{0};
   std::thread m_thread;
 };

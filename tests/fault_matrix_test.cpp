@@ -123,7 +123,7 @@ class FaultMatrixBase : public QXEmulatorTest {
   std::unique_ptr<LoginWithCertManager> manager() {
     return certLoginManager(root(), "localhost", emulator().port());
   }
-  size_t logins() { return loginCount(emulator()); }
+  size_t logins() { return emulator().requestCount("arvion/loginwithcert"); }
   FakeRetryClock m_clock;
 };
 
@@ -155,7 +155,7 @@ TEST_P(FaultMatrixWire, CallerGetsItsStatus) {
     ASSERT_TRUE(root().writeConfig("CRL_CHECK_LEVEL = 1\n"));
     const char* crls[] = {"var/pki/eca/crl.pem", "", "var/corrupt.crl",
                           "var/pki/eca/crl_expired.pem"};
-    setEcaMapMember(root(), "crl", crls[f.road - EXTERNAL_CA]);
+    root().setEcaMapMember("crl", crls[f.road - EXTERNAL_CA]);
   }
   std::unique_ptr<QXTinyproxy> proxy;
   if (f.road == TINYPROXY_REFUSING) {
@@ -163,7 +163,7 @@ TEST_P(FaultMatrixWire, CallerGetsItsStatus) {
     std::string error;
     ASSERT_EQ(0, proxy->start(&error)) << error;
   }
-  LoopbackPort other(f.road == STALLED_PORT ? LoopbackPort::STALLED : LoopbackPort::REFUSED);
+  QXLoopbackPort other(f.road == STALLED_PORT ? QXLoopbackPort::STALLED : QXLoopbackPort::REFUSED);
   const int port =
       f.road == REFUSED_PORT || f.road == STALLED_PORT ? other.port() : emulator().port();
 

@@ -52,12 +52,12 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   auto c = client(kServerAddress);
   QXLogCapture log;
   ASSERT_EQ(0, c->Get("arvion/ping"));
-  int baseline = openDescriptors();
+  int baseline = qxOpenDescriptors();
   for (int i = 1; i < 1000; ++i) {
     ASSERT_EQ(0, c->Get("arvion/ping")) << "request " << i;
     ASSERT_EQ(200, c->getHttpCode());
   }
-  EXPECT_EQ(baseline, openDescriptors());
+  EXPECT_EQ(baseline, qxOpenDescriptors());
   std::set<long long> connections;
   std::vector<QXRecordedRequest> seen = emulator().requests();
   ASSERT_EQ(1000u, seen.size());
@@ -93,14 +93,14 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   EXPECT_EQ(kSource, kept.peer);
   EXPECT_NE(kept.connection, seen.back().connection);
   EXPECT_EQ(kOtherSource, seen.back().peer);
-  EXPECT_EQ(baseline, openDescriptors());
+  EXPECT_EQ(baseline, qxOpenDescriptors());
   c.reset();
-  EXPECT_GT(baseline, openDescriptors());  // the client's connection is closed with it
+  EXPECT_GT(baseline, qxOpenDescriptors());  // the client's connection is closed with it
 }
 
 TEST_F(PrefnetClientTest, ProhibitedAddressIsNeverDialled) {
   // A name with two addresses: a listener that must see nothing, then the server.
-  LoopbackPort watch(LoopbackPort::LISTENING, kProhibitedAddress, emulator().port());
+  QXLoopbackPort watch(QXLoopbackPort::LISTENING, kProhibitedAddress, emulator().port());
   ASSERT_NE(0, watch.port());
   wnet_T_setHostAddresses("master.test", {kProhibitedAddress, kServerAddress});
 

@@ -26,22 +26,14 @@ int connectBlocking(qxclnt_curl_prefnet& c) {
 // Addresses of one case: 127.0.1.<base + i>.
 std::string addr(int base, int i) { return "127.0.1." + std::to_string(base + i); }
 
-std::vector<std::string> split(const std::string& text) {
-  std::vector<std::string> out;
-  for (size_t pos = 0, end; pos < text.size(); pos = end + 1) {
-    end = std::min(text.find(';', pos), text.size());
-    out.push_back(text.substr(pos, end - pos));
-  }
-  return out;
-}
-
 class ConnectorTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(m_root.ok()) << m_root.error(); }
-  void rules(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& l : lines) text += "PREFERRED_NETWORK = " + l + "\n";
-    ASSERT_TRUE(m_root.writeConfig(text));
+  // Rules separated by ';', as PREFERRED_NETWORK lines.
+  void rules(std::string text) {
+    for (size_t at; (at = text.find(';')) != std::string::npos;)
+      text.replace(at, 1, "\nPREFERRED_NETWORK = ");
+    ASSERT_TRUE(m_root.writeConfig(text.empty() ? "" : "PREFERRED_NETWORK = " + text + "\n"));
   }
   QXTestRoot m_root;
 };
@@ -78,29 +70,27 @@ TEST_F(ConnectorTest, BlockingWalkTable) {
       return r;
     };
     const std::string roles = c.roles;
-    std::vector<std::unique_ptr<LoopbackPort>> listeners;
+    std::vector<std::unique_ptr<QXLoopbackPort>> listeners;
     std::vector<std::string> names;
     int port = 0;
     for (size_t i = 0; i < roles.size(); ++i) {
       names.push_back(addr(base, static_cast<int>(i)));
-      listeners.emplace_back(
-          roles[i] == 'R'
-              ? nullptr
-              : new LoopbackPort(roles[i] == 'B' ? LoopbackPort::STALLED : LoopbackPort::LISTENING,
-                                 names[i], port));
+      listeners.emplace_back(roles[i] == 'R'
+                                 ? nullptr
+                                 : new QXLoopbackPort(roles[i] == 'B' ? QXLoopbackPort::STALLED
+                                                                      : QXLoopbackPort::LISTENING,
+                                                      names[i], port));
       if (listeners[i]) {
         port = listeners[i]->port();
         ASSERT_NE(0, port);
       }
     }
-    if (port == 0) port = LoopbackPort(LoopbackPort::REFUSED, names[0]).port();
-    std::vector<std::string> lines;
-    for (const std::string& r : split(c.rules)) lines.push_back(expand(r));
-    rules(lines);
+    if (port == 0) port = QXLoopbackPort(QXLoopbackPort::REFUSED, names[0]).port();
+    rules(expand(c.rules));
     wnet_T_setHostAddresses("walk.test", names);
     base += 3;
 
-    int before = openDescriptors();
+    int before = qxOpenDescriptors();
     qxclnt_curl_prefnet conn("walk.test", static_cast<unsigned>(port), c.budget);
     auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(c.status, connectBlocking(conn));
@@ -111,7 +101,7 @@ TEST_F(ConnectorTest, BlockingWalkTable) {
     EXPECT_LE(seconds, least + 1);
     int fd = static_cast<int>(conn);
     if (c.accepted >= 0) {
-      EXPECT_EQ(names[c.accepted], peerOf(fd));
+      EXPECT_EQ(names[c.accepted], qxPeerOf(fd));
       EXPECT_EQ("walk.test:" + std::to_string(port) + ":" + names[c.accepted],
                 static_cast<std::string>(conn));
       close(fd);
@@ -130,7 +120,7 @@ TEST_F(ConnectorTest, BlockingWalkTable) {
       }
     }
     conn.reset();
-    EXPECT_EQ(before, openDescriptors()) << "a socket was left open";
+    EXPECT_EQ(before, qxOpenDescriptors()) << "a socket was left open";
   }
   wnet_T_setHostAddresses("walk.test", {});
 }
@@ -154,15 +144,15 @@ int stepLoop(qxclnt_curl_prefnet& conn, int& action) {
 }
 
 TEST_F(ConnectorTest, NonBlockingStepsInASelectLoop) {
-  LoopbackPort good(LoopbackPort::LISTENING, addr(40, 1));
+  QXLoopbackPort good(QXLoopbackPort::LISTENING, addr(40, 1));
   ASSERT_NE(0, good.port());
   wnet_T_setHostAddresses("nb.test", {addr(40, 0), addr(40, 1)});  // the first refuses
-  rules({});
+  rules("");
   qxclnt_curl_prefnet conn("nb.test", static_cast<unsigned>(good.port()), 10);
   int action = 0;
   ASSERT_EQ(WN_STATUS_SUCCESS, stepLoop(conn, action));
   ASSERT_EQ(qxclnt_curl_prefnet::ACTION_CONNECTED, action);
-  EXPECT_EQ(addr(40, 1), peerOf(static_cast<int>(conn)));
+  EXPECT_EQ(addr(40, 1), qxPeerOf(static_cast<int>(conn)));
   close(static_cast<int>(conn));
   conn.reset();
 
@@ -176,7 +166,7 @@ TEST_F(ConnectorTest, NonBlockingStepsInASelectLoop) {
 }
 
 TEST_F(ConnectorTest, BadInput) {
-  rules({});
+  rules("");
   EXPECT_THROW(qxclnt_curl_prefnet("", 1, 10), int);
   wnet_T_setHostAddresses("nosuch.test", {"not-an-address"});
   qxclnt_curl_prefnet conn("nosuch.test", 1, 10);

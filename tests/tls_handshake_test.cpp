@@ -58,7 +58,7 @@ TEST_F(TlsHandshakeTest, ServerNameMarkerFollowsTheCAInUse) {
   };
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
-    editCertMap(root(), [&](json_t* e) {
+    root().editCertMap([&](json_t* e) {
       json_object_set_new(e, "caSupported", json_loads(tc.supported, 0, nullptr));
     });
     auto c = client(tc.type, tc.caType);
@@ -142,7 +142,7 @@ TEST_F(TlsHandshakeTest, ExternalCARevocationCheck) {
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
     ASSERT_EQ(0, emulator().setConfig(std::string(R"({"certMode": ")") + tc.certMode + "\"}"));
-    setEcaMapMember(root(), "crl", tc.crl);
+    root().setEcaMapMember("crl", tc.crl);
     auto c = client(QXCURL_USE_TPCA_CERT);
     c->setSkipCRLDownload();
     if (tc.switches & ALLOW_FAILED) c->allowConnectionWithFailedCRLCheck();
@@ -190,8 +190,8 @@ TEST_F(TlsHandshakeTest, KeyLoadingOutcomes) {
   for (const auto& tc : cases) {
     SCOPED_TRACE(tc.name);
     ASSERT_TRUE(root().writeConfig(tc.config));
-    setEcaMapMember(root(), "privateKey", tc.key);
-    setEcaMapMember(root(), "passphraseFile", tc.passFile);
+    root().setEcaMapMember("privateKey", tc.key);
+    root().setEcaMapMember("passphraseFile", tc.passFile);
     auto c = client(QXCURL_USE_TOKEN, "ECA");
     c->m_passphrase = tc.passphrase;
     c->setCurlTLSParams(CA_LOAD_FORCE_ECA, true, false);

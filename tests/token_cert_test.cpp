@@ -177,7 +177,7 @@ class TokenCertLoginTest : public QXEmulatorTest {
     LoginWithCertManager::T_setClock(nullptr);
     QXEmulatorTest::TearDown();
   }
-  size_t count(const std::string& path) { return requestCount(emulator(), path); }
+  size_t count(const std::string& path) { return emulator().requestCount(path); }
   std::unique_ptr<LoginWithCertManager> manager(bool skipTrust = true) {
     return certLoginManager(root(), "localhost", emulator().port(), skipTrust);
   }

@@ -95,7 +95,7 @@ class TokenUserTest : public QXEmulatorTest {
     return std::make_unique<LoginWithUserTokenManager>(emulator().port(), "unixpwd", "localhost",
                                                        "admin", password, CERT_TYPE_HOST);
   }
-  size_t count(const std::string& path) { return requestCount(emulator(), path); }
+  size_t count(const std::string& path) { return emulator().requestCount(path); }
 };
 
 TEST_F(TokenUserTest, LoginStoresSessionForTheNextRun) {

@@ -201,7 +201,7 @@ TEST_F(TunnelRouterTest, UntrustedCacheFilesAreIgnoredAndNeverWritten) {
 }
 
 TEST_F(TunnelRouterTest, ConcurrentProcessesKeepEachOthersEntries) {
-  EXPECT_EQ(0, runChildren(8, [](int i) {
+  EXPECT_EQ(0, qxRunChildren(8, [](int i) {
               std::srand(static_cast<unsigned>(getpid()));
               QXWebsvcTunnelRouter router;
               std::string m = "master" + std::to_string(i), a = "a", b = "b", c = "c", f = "f";
