@@ -113,17 +113,4 @@ TEST_F(CertMapTest, TrustVersionIsCurrentOnlyWhenEqual) {
   }
 }
 
-TEST_F(CertMapTest, FileReaders) {
-  std::string out;
-  EXPECT_EQ(QX_ERR_FILE_NOT_FOUND, readDataFromFile(m_root.path("nope"), out));
-  EXPECT_EQ(QX_ERR_FILE_OPEN, readDataFromFile(m_root.path("var"), out));  // a directory
-  EXPECT_EQ(0, readPEMDataFromFile(m_root.pki("eca/cacert.pem"), out));
-  size_t first = out.find("BEGIN CERTIFICATE");
-  EXPECT_NE(std::string::npos, out.find("BEGIN CERTIFICATE", first + 1));  // both certificates
-  EXPECT_EQ(QX_ERR_TRUST_STORE, readPEMDataFromFile(m_root.pki("qxca/host.key"), out));
-
-  std::vector<std::string> crls = getConfiguredCrlFiles();
-  EXPECT_EQ(std::vector<std::string>{m_root.path("var/pki/eca/crl.pem")}, crls);
-}
-
 }  // namespace

@@ -159,19 +159,6 @@ TEST_F(ConfigTest, UnusableFilesGiveAStatusAndAnEmptyConfiguration) {
   rmdir(m_root.path("arvion/arvion.conf").c_str());
 }
 
-TEST_F(ConfigTest, EachThreadKeepsItsSnapshotUntilItReadsAgain) {
-  QXConfigHandle mine = read("VALUE = before\n");
-  std::thread other([this] {
-    m_root.writeConfig("VALUE = after!\n");
-    ASSERT_EQ(0, QX_read_master_config());
-    EXPECT_EQ(Values{"after!"}, bpconfGetKeyValues(get_master_config_ptr(), "VALUE"));
-  });
-  other.join();
-  EXPECT_EQ(Values{"before"}, bpconfGetKeyValues(mine, "VALUE"));
-  ASSERT_EQ(0, QX_read_master_config());
-  EXPECT_EQ(Values{"after!"}, bpconfGetKeyValues(get_master_config_ptr(), "VALUE"));
-}
-
 TEST_F(ConfigTest, IntegersAndCrlCheckLevel) {
   struct Case {
     const char* line;

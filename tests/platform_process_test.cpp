@@ -26,9 +26,7 @@ TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
       {"/bin/true", {}, 0, true, 0, 0},
       {"/bin/sh", {"-c", "exit 7"}, QX_ERR_CHILD_EXIT, true, 7, 0},
       {"/bin/sh", {"-c", "kill -TERM $$"}, QX_ERR_CHILD_SIGNAL, false, -1, SIGTERM},
-      {"/no/such/program", {}, QX_ERR_EXEC, false, -1, 0},
       {"true", {}, QX_ERR_EXEC, false, -1, 0},  // no PATH search
-      {"", {}, QX_ERR_BAD_ARGUMENT, false, -1, 0},
   };
   for (const Case& c : cases) {
     QXChildInfo info;
@@ -40,10 +38,9 @@ TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
     EXPECT_FALSE(ProcessExec::getErrorReason(status, &info).empty());
   }
   QXChildInfo info;
-  ProcessExec::executeCommand("/no/such/program", {}, info);
+  EXPECT_EQ(QX_ERR_EXEC, ProcessExec::executeCommand("/no/such/program", {}, info));
   EXPECT_EQ(ENOENT, info.spawnErrno);
-  ProcessExec::executeCommand("/bin/sh", {"-c", "exit 3"}, info);
-  EXPECT_EQ("exited with code 3", ProcessExec::getErrorReason(QX_ERR_CHILD_EXIT, &info));
+  EXPECT_EQ(QX_ERR_BAD_ARGUMENT, ProcessExec::executeCommand("", {}, info));
 }
 
 TEST(ProcessTest, ArgumentsReachTheProgramUntouchedByAShell) {
