@@ -142,15 +142,11 @@ TEST_F(TunnelRouterTest, CacheLocation) {
   // No install directory: only a router with the caller's own servers falls
   // back; the others fail with 142 and never write.
   removeInstallDir();
-  QXWebsvcTunnelRouter plain, withServers;
-  withServers.setAdditionalTunnelServers({"a1"});
+  QXWebsvcTunnelRouter plain;
   std::string m = "m", t = "t1";
   Names tunnels;
   EXPECT_EQ(QX_ERR_NO_INSTALL_DIR, plain.addTunnelServerToCache(m, t));
   EXPECT_EQ(QX_ERR_NO_INSTALL_DIR, plain.getTunnelsFromCache(m, tunnels));
-  EXPECT_EQ(QX_ERR_NO_INSTALL_DIR, plain.resetWebsvcTunnelServersCache(m));
-  EXPECT_EQ(0, withServers.addTunnelServerToCache(m, t));
-  EXPECT_EQ("\r\nm = t1", qxReadFile(fallbackDir() + "/websvctunnels.cache"));
   // No install root at all: the bare name, in the current directory.
   setenv("ARVION_ROOT", ("/" + std::string(1100, 'x')).c_str(), 1);
   EXPECT_EQ(0, getCacheFilePath(path, false, false));
