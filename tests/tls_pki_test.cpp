@@ -119,7 +119,6 @@ TEST_F(TlsPkiTest, CallerSuppliedArtifacts) {
   } cases[] = {
       {"missing trust store", "/nonexistent", "", "", "", "", "", QX_ERR_FILE_NOT_FOUND},
       {"mutual without key", trust, "", cert, "", "", "", QX_ERR_BAD_ARGUMENT},
-      {"missing certificate", trust, "", "/nonexistent", key, "", "", QX_ERR_FILE_NOT_FOUND},
       {"unreadable passphrase file", trust, "", cert, key, "", "/nonexistent",
        QX_ERR_FILE_NOT_FOUND},
       {"complete", trust, "", cert, key, "", passFile, 0},

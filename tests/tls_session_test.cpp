@@ -84,7 +84,6 @@ TEST_F(TlsSessionTest, SecondClientObjectResumes) {
       {"own CA, second object", "QXCA", true},
       // Another CA kind is another share (and another server certificate).
       {"external CA, first object", "ECA", false},
-      {"external CA, second object", "ECA", true},
       {"own CA again", "QXCA", true},
   };
   for (const auto& tc : cases) {

@@ -10,8 +10,9 @@ import subprocess
 import sys
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from tool_test import BINARY_DIR, PASSWORD, SOURCE_DIR, TOOL, USER, ToolHost  # noqa: E402
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
+                                "testing"))
+from tool_host import BINARY_DIR, PASSWORD, SOURCE_DIR, TOOL, USER, ToolHost  # noqa: E402
 
 
 def sanitizer_build():
