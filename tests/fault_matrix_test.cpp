@@ -222,7 +222,6 @@ const WireFault kWireFaults[] = {
        std::string v;
        EXPECT_EQ(0, c.getHttpHeaderField("X-Arvion-API-Version", v));
      }},
-    {"HeaderBlockOver300KB", DIRECT, R"({"kind": "big-headers", "size": 320000})", QX_ERR_RECEIVE},
     {"BodyOverTheCap", DIRECT, R"({"kind": "big-body", "size": 83886080, "chunked": true})",
      QX_ERR_RESPONSE_TOO_LARGE, 0, 0,
      [](QXClientCURL& c, Seen) { EXPECT_LE(c.m_responseBody.size(), 64u << 20); }},

@@ -191,10 +191,6 @@ TEST_F(TunnelRoadTest, RightMasterCheck) {
     cl->m_responseHeaders = "HTTP/1.1 200 Connection established\r\n" + c.headers + "\r\n";
     EXPECT_EQ(c.expected, cl->isTunnelConnectedToRightMaster()) << c.server << " " << c.headers;
   }
-  auto cl = client();
-  std::string out = "untouched";
-  EXPECT_EQ(QX_ERR_BAD_ARGUMENT, cl->getMasterHostUuid("", out));
-  EXPECT_EQ("untouched", out);
 }
 
 }  // namespace
