@@ -53,14 +53,6 @@ TEST_F(ClientLogicTest, ConstructionRulesAndDefaults) {
     }
     EXPECT_EQ(c.expected, thrown) << c.server << " " << c.port << " " << c.session;
   }
-  // A locale too short to name a language sends no Accept-Language (the
-  // wire test sees "fr" for "fr_FR").
-  QXClientCURL shortLocale("h", 1, CERT_TYPE_HOST, QXCURL_INSECURE, nullptr, "", true, false, false,
-                           "", "", "", "", "", "", false, false, "f");
-  const std::string media = "application/vnd.arvion+json;version=6.0";
-  EXPECT_EQ((std::vector<std::string>{"Accept: " + media, "Content-Type: " + media,
-                                      "X-Client-ID: " + shortLocale.m_clientId}),
-            headerLines(shortLocale));
 }
 
 TEST_F(ClientLogicTest, HeaderListOperations) {
