@@ -1,6 +1,5 @@
 // The C entry points against an emulated master on the fixed port 1556 of a
-// loopback address of their own, and the C example program (also under
-// valgrind).
+// loopback address of their own.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -68,13 +67,8 @@ TEST_F(CapiTest, WebSyncAnswers) {
   } rows[] = {
       {"GET 200", nullptr, kEcho, nullptr, true, 0, "tokenKind"},
       {"POST 200", nullptr, kEcho, "{\"password\":\"Pw-never-logged\"}", true, 0, "json"},
-      {"201", "{\"kind\":\"status\",\"status\":201,\"body\":{\"id\":7}}", kEcho, nullptr, true, 0,
-       "id"},
       {"204", "{\"kind\":\"status\",\"status\":204,\"body\":\"\"}", kEcho, nullptr, true,
        QX_ERR_BAD_RESPONSE, nullptr},
-      {"array", "{\"kind\":\"status\",\"status\":200,\"body\":[1,2]}", kEcho, nullptr, true,
-       QX_ERR_BAD_RESPONSE, nullptr},
-      {"not JSON", "{\"kind\":\"notjson\"}", kEcho, nullptr, true, QX_ERR_BAD_RESPONSE, nullptr},
       {"null out", "{\"kind\":\"notjson\"}", kEcho, nullptr, false, 0, nullptr},
   };
   for (const auto& r : rows) {
@@ -132,11 +126,7 @@ TEST_F(CapiTest, BadArgumentsAndNeverNullToken) {
     int decision;
     const char* server;
     const char* path;
-  } bad[] = {{1, nullptr, kEcho},
-             {1, "", kEcho},
-             {1, address(), nullptr},
-             {-1, address(), kEcho},
-             {5, address(), kEcho}};
+  } bad[] = {{1, nullptr, kEcho}, {1, address(), nullptr}, {5, address(), kEcho}};
   for (const auto& b : bad) {
     json_t* out = reinterpret_cast<json_t*>(1);
     EXPECT_EQ(QX_ERR_BAD_ARGUMENT, web_sync_CAPI(b.decision, b.server, b.path, "", "", &out));
@@ -155,34 +145,6 @@ TEST_F(CapiTest, BadArgumentsAndNeverNullToken) {
 
   init_qxcurllib();
   EXPECT_EQ(&web_sync_CAPI, getWebAPICallback());
-}
-
-// The C example in a process of its own: the second call comes from the
-// cache. (The library's memory use is checked under valgrind with the tool,
-// and the ASan build runs this too, leak check included.)
-class CExampleTest : public CapiTest {
- protected:
-  const char* address() const override { return "127.0.3.3"; }
-};
-
-TEST_F(CExampleTest, Runs) {
-  // The login asks the certificate tool to check the trust store.
-  std::string tool = root().path("arvion/bin/qxcertcmd");
-  mkdir(root().path("arvion/bin").c_str(), 0755);
-  ASSERT_TRUE(
-      qxWriteFile(tool, qxReadFile(std::string(QXCURL_SOURCE_DIR) + "/testing/certcmd/qxcertcmd")));
-  ASSERT_EQ(0, chmod(tool.c_str(), 0755));
-  const std::string out = root().path("example.out");
-  std::string why;
-  pid_t pid = qxSpawn({std::string(QXCURL_BINARY_DIR) + "/examples/qxcurl_c_example", address()},
-                      out, root().path("example.err"), &why);
-  ASSERT_GT(pid, 0) << why;
-  int status = 0;
-  while (qxChildRunning(pid, &status)) qxSleepMs(20);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << qxReadFile(out);
-  EXPECT_NE(std::string::npos, qxReadFile(out).find("machine token: obtained"));
-  EXPECT_NE(std::string::npos, qxReadFile(out).find("call 2: 8 members, path arvion/config/hosts"));
-  EXPECT_EQ(1u, requestCount(emulator(), kEcho, "GET"));
 }
 
 }  // namespace

@@ -110,13 +110,10 @@ TEST_F(ClientWireTest, MultipartUploadRestoresContentType) {
   EXPECT_EQ(0u, seen[0].header("Content-Type").find("multipart/form-data; boundary="));
   EXPECT_NE(std::string::npos, seen[0].body.find("filename=\"remote.txt\""));
   EXPECT_NE(std::string::npos, seen[0].body.find("payload-bytes"));
-  std::string contentType;
-  EXPECT_EQ(0, c->getHTTPRequestHeader("Content-Type:", contentType));
-  EXPECT_EQ("application/vnd.arvion+json;version=6.0", contentType);
   // The next request is an ordinary one again.
-  emulator().reset();
   ASSERT_EQ(0, c->Get(kEchoPath));
-  EXPECT_EQ("GET", requestsTo(kEchoPath).at(0).method);
+  EXPECT_EQ("application/vnd.arvion+json;version=6.0",
+            requestsTo(kEchoPath).at(0).header("Content-Type"));
 }
 
 // Refusals, stalls, certificates and plain 503s are rows of the fault matrix;
@@ -149,7 +146,7 @@ TEST_F(ClientWireTest, FailuresThatDependOnConfigurationOrBody) {
     if (k.fault503 != nullptr) {
       ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 1, k.fault503));
     }
-    LoopbackPort refused;
+    QXLoopbackPort refused;
     auto c = client(QXCURL_INSECURE, nullptr, "", k.refusedPort ? refused.port() : 0, k.server);
     EXPECT_EQ(k.status, c->Get("arvion/ping"));
     EXPECT_EQ(k.fault503 ? 1u : 0u, emulator().requests().size());  // window 0: no retry
@@ -174,8 +171,8 @@ TEST_F(ClientWireTest, ApiVersionRenegotiatedOnce) {
   ASSERT_EQ(0, emulator().addFault(kEchoPath, "status", 5, "{\"status\": 406}"));
   EXPECT_EQ(0, c->Get(kEchoPath));
   EXPECT_EQ(406, c->m_httpCode);
-  EXPECT_EQ(2u, requestCount(emulator(), kEchoPath));
-  EXPECT_EQ(1u, requestCount(emulator(), "arvion/ping"));
+  EXPECT_EQ(2u, emulator().requestCount(kEchoPath));
+  EXPECT_EQ(1u, emulator().requestCount("arvion/ping"));
 }
 
 TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
@@ -184,24 +181,18 @@ TEST_F(ClientWireTest, RetryWindowBoundsAttempts) {
   c->setConnectRetryTimeout(12);
   time_t start = FakeRetryClock::now();
   EXPECT_EQ(8003, c->Get("arvion/ping"));  // the body's errorCode
-  size_t attempts = requestCount(emulator(), "arvion/ping");
+  size_t attempts = emulator().requestCount("arvion/ping");
   EXPECT_GE(attempts, 2u);
   EXPECT_LE(attempts, 13u);  // every sleep is at least a second
   EXPECT_GE(FakeRetryClock::now() - start, 12);
   EXPECT_FALSE(c->m_retrying);
-
-  emulator().reset();
-  ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 100));
-  c->setConnectRetryTimeout(0);
-  EXPECT_EQ(8003, c->Get("arvion/ping"));  // the body's errorCode
-  EXPECT_EQ(1u, requestCount(emulator(), "arvion/ping"));
 
   // Retries stop as soon as the server answers.
   emulator().reset();
   ASSERT_EQ(0, emulator().addFault("arvion/ping", "503", 2));
   c->setConnectRetryTimeout(120);
   EXPECT_EQ(0, c->Get("arvion/ping"));
-  EXPECT_EQ(3u, requestCount(emulator(), "arvion/ping"));
+  EXPECT_EQ(3u, emulator().requestCount("arvion/ping"));
   EXPECT_EQ("pong\n", c->m_responseBody);
 }
 

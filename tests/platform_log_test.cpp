@@ -74,23 +74,6 @@ TEST_F(LogTest, FileDestinationHonoursThresholdAndFormat) {
   EXPECT_NE(std::string::npos, lines[1].find("L16 C5 T: token ey...Q")) << lines[1];
 }
 
-TEST_F(LogTest, ConfigurationKeysApplyWhenEnvironmentIsSilent) {
-  m_root.writeConfig("QXCURL_LOG = conf.log\nQXCURL_LOG_LEVEL = 16\n");
-  // Any reading of the configuration hands its log settings over.
-  ASSERT_EQ(0, QX_read_master_config());
-  logmsg(QXLOG_PROGRESS, QXLOG_CATEGORY, "T", "below");
-  logmsg(QXLOG_ERROR, QXLOG_CATEGORY, "T", "above");
-  std::vector<std::string> lines = readLines(m_root.path("conf.log"));
-  ASSERT_EQ(1u, lines.size());
-  EXPECT_NE(std::string::npos, lines[0].find("T: above"));
-
-  // The environment wins over the configuration.
-  setenv("QXCURL_LOG_LEVEL", "2", 1);
-  qxLogReconfigure();
-  logmsg(QXLOG_PROGRESS, QXLOG_CATEGORY, "T", "now wanted");
-  EXPECT_EQ(2u, readLines(m_root.path("conf.log")).size());
-}
-
 // A log file in "/tmp" that another account replaced by a link: root must not
 // append to whatever the link names.
 TEST_F(LogTest, LinkedDestinationIsNotWrittenThrough) {

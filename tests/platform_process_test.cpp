@@ -24,12 +24,9 @@ TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
     int signal;
   } cases[] = {
       {"/bin/true", {}, 0, true, 0, 0},
-      {"/bin/false", {}, QX_ERR_CHILD_EXIT, true, 1, 0},
       {"/bin/sh", {"-c", "exit 7"}, QX_ERR_CHILD_EXIT, true, 7, 0},
       {"/bin/sh", {"-c", "kill -TERM $$"}, QX_ERR_CHILD_SIGNAL, false, -1, SIGTERM},
-      {"/no/such/program", {}, QX_ERR_EXEC, false, -1, 0},
       {"true", {}, QX_ERR_EXEC, false, -1, 0},  // no PATH search
-      {"", {}, QX_ERR_BAD_ARGUMENT, false, -1, 0},
   };
   for (const Case& c : cases) {
     QXChildInfo info;
@@ -41,12 +38,9 @@ TEST(ProcessTest, ExitStatusesAndFailuresToStart) {
     EXPECT_FALSE(ProcessExec::getErrorReason(status, &info).empty());
   }
   QXChildInfo info;
-  ProcessExec::executeCommand("/no/such/program", {}, info);
+  EXPECT_EQ(QX_ERR_EXEC, ProcessExec::executeCommand("/no/such/program", {}, info));
   EXPECT_EQ(ENOENT, info.spawnErrno);
-  EXPECT_NE(std::string::npos,
-            ProcessExec::getErrorReason(QX_ERR_EXEC, &info).find("No such file or directory"));
-  ProcessExec::executeCommand("/bin/sh", {"-c", "exit 3"}, info);
-  EXPECT_EQ("exited with code 3", ProcessExec::getErrorReason(QX_ERR_CHILD_EXIT, &info));
+  EXPECT_EQ(QX_ERR_BAD_ARGUMENT, ProcessExec::executeCommand("", {}, info));
 }
 
 TEST(ProcessTest, ArgumentsReachTheProgramUntouchedByAShell) {
@@ -69,23 +63,8 @@ TEST(ProcessTest, ArgumentsReachTheProgramUntouchedByAShell) {
   EXPECT_EQ(info.pid, waitpid(info.pid, &st, 0));  // the caller reaps it
 }
 
-TEST(ProcessTest, PopenReadsTheFirstLineAndReportsTheExit) {
-  QXChildInfo info;
-  FILE* f = popen_r("printf 'abc\\nsecond\\n'; exit 4", "r", &info);
-  ASSERT_NE(nullptr, f);
-  EXPECT_GT(info.pid, 0);
-  char line[64] = {0};
-  ASSERT_NE(nullptr, fgets(line, sizeof line, f));
-  EXPECT_STREQ("abc\n", line);
-  int ws = pclose_r(f, &info);
-  EXPECT_TRUE(WIFEXITED(ws));
-  EXPECT_EQ(4, info.exitStatus);
-
-  f = popen_r("true", "r", nullptr);
-  ASSERT_NE(nullptr, f);
-  EXPECT_EQ(nullptr, fgets(line, sizeof line, f));  // printed nothing
-  EXPECT_EQ(0, pclose_r(f, 0));
-
+// popen_r reading and exit codes are ExecCustomScript's (token_user_test).
+TEST(ProcessTest, PopenRefusesBadArguments) {
   EXPECT_EQ(-1, pclose_r(nullptr, nullptr));
   EXPECT_EQ(nullptr, popen_r(nullptr, "r", nullptr));
   EXPECT_EQ(nullptr, popen_r("true", "x", nullptr));

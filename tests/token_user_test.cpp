@@ -20,31 +20,13 @@ namespace {
 
 constexpr int kBad = QX_ERR_BAD_RESPONSE;
 
-// Sets (value) or removes (null) a variable; restores it when the scope ends.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : m_name(name), m_had(getenv(name) != nullptr) {
-    if (m_had) m_old = getenv(name);
-    value != nullptr ? setenv(name, value, 1) : unsetenv(name);
-  }
-  ~ScopedEnv() { m_had ? setenv(m_name.c_str(), m_old.c_str(), 1) : unsetenv(m_name.c_str()); }
-
- private:
-  std::string m_name;
-  bool m_had;
-  std::string m_old;
-};
-
 TEST(TokenHelpers, CommandRunnerKeepsFirstLineAndLimitsItsLength) {
   struct Case {
     std::string cmd;
     int status;
     std::string output;
   } cases[] = {
-      {"printf 'abc\\n'", 0, "abc\n"},
       {"printf 'one\\ntwo\\n'", 0, "one\n"},
-      {"true", 0, ""},
-      {"printf 'no newline'", 0, "no newline"},
       {"head -c 255 /dev/zero | tr '\\0' a; echo", 0, std::string(255, 'a') + "\n"},
       {"head -c 256 /dev/zero | tr '\\0' a; echo", QX_ERR_BAD_ARGUMENT,
        std::string(256, 'a') + "\n"},
@@ -57,30 +39,17 @@ TEST(TokenHelpers, CommandRunnerKeepsFirstLineAndLimitsItsLength) {
   }
 }
 
-TEST(TokenHelpers, ApiKeyEntriesAndTargetOutput) {
-  struct KeyCase {
-    const char* line;
-    const char* key;
-  } keys[] = {
-      {"master:k1", "k1"},
-      {"  MASTER : k2 \r\n", "k2"},
-      {"master:a:b", "a:b"},
-      {"other:k3", ""},
-      {"master", ""},
-      {":k4", ""},
-      {"master.example:k5", ""},
-      {"", ""},
-  };
-  for (const auto& c : keys) {
-    EXPECT_EQ(c.key, LoginWithUserTokenManager::extractApikey(c.line, "master")) << c.line;
-  }
+// The appliance script's answer names the session's target between brackets.
+TEST(TokenHelpers, ApplianceTargetOutput) {
   struct TargetCase {
     const char* output;
     int status;
     const char* target;
   } targets[] = {
-      {"[u1001]\n", 0, "u1001"}, {"[u1001]", 0, "u1001"}, {"[]\n", kBad, ""}, {"u1001\n", kBad, ""},
-      {"[u 1]\n", kBad, ""},     {"[[x]]\n", kBad, ""},   {"", kBad, ""},
+      {"[u1001]\n", 0, "u1001"},
+      {"[]\n", kBad, ""},
+      {"u1001\n", kBad, ""},
+      {"[u 1]\n", kBad, ""},
   };
   for (const auto& c : targets) {
     std::string target;
@@ -125,7 +94,7 @@ class TokenUserTest : public QXEmulatorTest {
     return std::make_unique<LoginWithUserTokenManager>(emulator().port(), "unixpwd", "localhost",
                                                        "admin", password, CERT_TYPE_HOST);
   }
-  size_t count(const std::string& path) { return requestCount(emulator(), path); }
+  size_t count(const std::string& path) { return emulator().requestCount(path); }
 };
 
 TEST_F(TokenUserTest, LoginStoresSessionForTheNextRun) {
@@ -192,12 +161,12 @@ TEST_F(TokenUserTest, ApiKeyFromVariableOrFileNeedsNoServer) {
       {"other:x1, LOCALHOST:env-key", "env-key"},
       {fromFile.c_str(), "file-key"},
       {noEol.c_str(), "last-key"},
-      {"other:x1", nullptr},
+      {"localhost.other:x1, other", nullptr},
       {missing.c_str(), nullptr},
   };
   QXLogCapture log;
   for (const auto& c : cases) {
-    ScopedEnv env("ARVION_APIKEY", c.value);
+    setenv("ARVION_APIKEY", c.value, 1);
     std::string token;
     size_t before = count("arvion/login");
     ASSERT_EQ(0, user()->getToken("localhost", token, true, nullptr)) << c.value;
@@ -208,6 +177,7 @@ TEST_F(TokenUserTest, ApiKeyFromVariableOrFileNeedsNoServer) {
       EXPECT_EQ(before + 1, count("arvion/login")) << c.value;
     }
   }
+  unsetenv("ARVION_APIKEY");
   for (const char* secret : {"env-key", "file-key", "last-key"}) {
     EXPECT_EQ(0u, log.count(secret)) << secret;
   }
@@ -258,7 +228,6 @@ TEST_F(TokenUserTest, ApplianceAccessToken) {
       {R"({"status": 206, "body": {"accessToken": "partial"}})", 0, "partial"},
       {R"({"status": 207, "body": {"accessToken": "multi"}})", QX_ERR_APPLIANCE_REFUSED, nullptr},
       {R"({"status": 200, "body": {"accessToken": 5}})", QX_ERR_BAD_ANSWER, nullptr},
-      {R"({"status": 200, "body": {"token": "x"}})", QX_ERR_BAD_ANSWER, nullptr},
   };
   for (const auto& c : cases) {
     ASSERT_EQ(0, emulator().addFault(login, "status", 1, c.fault));
