@@ -31,6 +31,7 @@ class CapiTest : public QXEmulatorTest {
     std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
     return name == "WebSyncAnswers"               ? "127.0.3.1"
            : name == "DefaultTtlAndSuppliedToken" ? "127.0.3.4"
+           : name == "CExampleRunsValgrindClean"  ? "127.0.3.3"
                                                   : "127.0.3.5";
   }
   QXEmulatorOptions emulatorOptions() const override {
@@ -145,6 +146,39 @@ TEST_F(CapiTest, BadArgumentsAndNeverNullToken) {
 
   init_qxcurllib();
   EXPECT_EQ(&web_sync_CAPI, getWebAPICallback());
+}
+
+// The C example in a process of its own, under valgrind where it can run: the
+// second call comes from the cache (one GET reaches the server).
+TEST_F(CapiTest, CExampleRunsValgrindClean) {
+  // The login asks the certificate tool to check the trust store.
+  std::string tool = root().path("arvion/bin/qxcertcmd");
+  mkdir(root().path("arvion/bin").c_str(), 0755);
+  ASSERT_TRUE(
+      qxWriteFile(tool, qxReadFile(std::string(QXCURL_SOURCE_DIR) + "/testing/certcmd/qxcertcmd")));
+  ASSERT_EQ(0, chmod(tool.c_str(), 0755));
+  std::vector<std::string> argv;
+#if !defined(__SANITIZE_ADDRESS__)
+  if (access("/usr/bin/valgrind", X_OK) == 0)
+    argv = {"valgrind",
+            "--quiet",
+            "--error-exitcode=99",
+            "--leak-check=full",
+            "--errors-for-leak-kinds=definite",
+            "--suppressions=" + std::string(QXCURL_SOURCE_DIR) + "/tests/valgrind.supp"};
+#endif
+  argv.push_back(std::string(QXCURL_BINARY_DIR) + "/examples/qxcurl_c_example");
+  argv.push_back(address());
+  std::string out = root().path("example.out"), err = root().path("example.err"), why;
+  pid_t pid = qxSpawn(argv, out, err, &why);
+  ASSERT_GT(pid, 0) << why;
+  int status = 0;
+  while (qxChildRunning(pid, &status)) qxSleepMs(20);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << qxReadFile(err);
+  EXPECT_NE(std::string::npos,
+            qxReadFile(out).find("call 2: 8 members, path " + std::string(kEcho)))
+      << qxReadFile(out);
+  EXPECT_EQ(1u, emulator().requestCount(kEcho, "GET"));
 }
 
 }  // namespace

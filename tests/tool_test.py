@@ -4,12 +4,13 @@ ToolHost (testing/tool_host.py) for the whole file, the real binary."""
 import json
 import os
 import re
+import subprocess
 import sys
 import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
                                 "testing"))
-from tool_host import PASSWORD, USER, ToolHost  # noqa: E402
+from tool_host import BINARY_DIR, PASSWORD, USER, ToolHost  # noqa: E402
 
 LONG_TOKEN = "tok-" + "9d2e" * 8 + "-end"
 # This suite's tunnels: the emulator's own, which reaches it whatever port a
@@ -273,6 +274,17 @@ class ToolTest(unittest.TestCase):
         for args in (["--repeat", "0"], ["--parallel", "2"], ["--repeat", "2", "--token", "t"]):
             with self.subTest(args=args):
                 self.assertExit(self.host.run(*args, "GET", "arvion/ping"), 2)
+
+    def test_async_example_select_and_poll(self):
+        example = os.path.join(BINARY_DIR, "examples", "qxcurl_async_example")
+        for mode in ([], ["--poll"]):
+            r = subprocess.run([example, "--server", "localhost", "--port", str(self.host.port),
+                                "--cacert", self.host.path("var/webtruststore/cacert.pem"),
+                                "--count", "12", "--token", "--path", "arvion/config/hosts"]
+                               + mode, capture_output=True, text=True, env=self.host.env(),
+                               timeout=60)
+            self.assertIn("12 of 12 requests succeeded through %s()"
+                          % ("poll" if mode else "select"), r.stdout, r.stderr)
 
 
 if __name__ == "__main__":
