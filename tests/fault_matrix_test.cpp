@@ -88,6 +88,8 @@ struct WireFault {
   // Further checks on the client and the requests the emulator saw.
   std::function<void(QXClientCURL&, const std::vector<QXRecordedRequest>&)> check = nullptr;
 };
+// The row's name in ctest's listing, not its bytes.
+void PrintTo(const WireFault& f, std::ostream* os) { *os << f.name; }
 
 // A client of the kind a row asks for, with no connection retries: a row
 // sees one attempt.

@@ -72,9 +72,11 @@ TEST_F(SessionStoreTest, ExpiryIsHonoured) {
   EXPECT_EQ(QX_ERR_BAD_ARGUMENT,
             store.writeSessionToken("x", static_cast<long>(std::time(nullptr)) - 1));
   EXPECT_EQ(QX_ERR_BAD_ARGUMENT, store.writeSessionToken("x", -5));
-  ASSERT_EQ(0, store.writeSessionToken("relative", 1));  // small values count from now
+  // Small values count from now; two seconds so that a second boundary
+  // between the write and the read cannot expire it.
+  ASSERT_EQ(0, store.writeSessionToken("relative", 2));
   EXPECT_EQ("relative", store.readSessionToken());
-  std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+  std::this_thread::sleep_for(std::chrono::milliseconds(3100));
   EXPECT_EQ("", store.readSessionToken());
   EXPECT_NE(0, access(store.T_entryPath().c_str(), F_OK));  // expired entries are removed
 }
