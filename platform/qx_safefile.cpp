@@ -59,6 +59,27 @@ int qxOpenTrusted(const std::string& path, int flags, QXFileTrust* trust) {
   return fd;
 }
 
+namespace {
+// Appends at most cap bytes from fd to out; *over says whether more was there.
+QXFileTrust readCapped(int fd, size_t cap, std::string& out, bool* over) {
+  *over = false;
+  char buf[8192];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return QX_FILE_IO_ERROR;
+    if (n == 0) return QX_FILE_OK;
+    size_t room = cap - out.size();
+    if (static_cast<size_t>(n) > room) {  // also a file that grew while we read it
+      out.append(buf, room);
+      *over = true;
+      return QX_FILE_OK;
+    }
+    out.append(buf, static_cast<size_t>(n));
+  }
+}
+}  // namespace
+
 QXFileTrust qxReadTrusted(const std::string& path, size_t maxBytes, std::string& out) {
   out.clear();
   QXFileTrust trust;
@@ -69,25 +90,25 @@ QXFileTrust qxReadTrusted(const std::string& path, size_t maxBytes, std::string&
     close(fd);
     return QX_FILE_TOO_LARGE;
   }
-  char buf[8192];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      out.clear();
-      return QX_FILE_IO_ERROR;
-    }
-    if (n == 0) break;
-    if (out.size() + static_cast<size_t>(n) > maxBytes) {  // grew while we read it
-      close(fd);
-      out.clear();
-      return QX_FILE_TOO_LARGE;
-    }
-    out.append(buf, static_cast<size_t>(n));
-  }
+  bool over = false;
+  QXFileTrust rc = readCapped(fd, maxBytes, out, &over);
   close(fd);
-  return QX_FILE_OK;
+  if (rc == QX_FILE_OK && over) rc = QX_FILE_TOO_LARGE;
+  if (rc != QX_FILE_OK) out.clear();
+  return rc;
+}
+
+QXFileTrust qxReadTrustedHead(const std::string& path, size_t maxBytes, std::string& out,
+                              bool* truncated) {
+  out.clear();
+  *truncated = false;
+  QXFileTrust trust;
+  int fd = qxOpenTrusted(path, O_RDONLY, &trust);
+  if (fd < 0) return trust;
+  QXFileTrust rc = readCapped(fd, maxBytes, out, truncated);
+  close(fd);
+  if (rc != QX_FILE_OK) out.clear();
+  return rc;
 }
 
 bool qxWriteAll(int fd, const std::string& data) {

@@ -43,6 +43,11 @@ int qxOpenTrusted(const std::string& path, int flags, QXFileTrust* trust);
 // Reads the whole of a trusted file of at most maxBytes into out.
 QXFileTrust qxReadTrusted(const std::string& path, size_t maxBytes, std::string& out);
 
+// Reads at most the first maxBytes of a trusted file into out; *truncated
+// says whether more was there.
+QXFileTrust qxReadTrustedHead(const std::string& path, size_t maxBytes, std::string& out,
+                              bool* truncated);
+
 // Replaces path with data: a new temporary made by mkstemp beside it, written,
 // flushed, given mode, then renamed over path. 0, or an errno value; on
 // failure the temporary is removed and path is as it was.

@@ -67,30 +67,9 @@ bool sameName(const std::string& a, const std::string& b) {
 // root's, writable by nobody else). A file over the cap is cut to its first
 // complete lines.
 QXFileTrust readCacheText(const std::string& path, std::string& out, const char* tag) {
-  out.clear();
-  QXFileTrust trust;
-  int fd = qxOpenTrusted(path, O_RDONLY, &trust);
-  if (fd < 0) return trust;
-  char buf[8192];
   bool truncated = false;
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      close(fd);
-      out.clear();
-      return QX_FILE_IO_ERROR;
-    }
-    if (n == 0) break;
-    size_t room = kCacheReadCap - out.size();
-    if (static_cast<size_t>(n) > room) {
-      out.append(buf, room);
-      truncated = true;
-      break;
-    }
-    out.append(buf, static_cast<size_t>(n));
-  }
-  close(fd);
+  QXFileTrust trust = qxReadTrustedHead(path, kCacheReadCap, out, &truncated);
+  if (trust != QX_FILE_OK) return trust;
   if (truncated) {
     size_t nl = out.rfind('\n');
     out.erase(nl == std::string::npos ? 0 : nl + 1);
