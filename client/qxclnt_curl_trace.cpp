@@ -2,6 +2,7 @@
 #include "client/qxclnt_curl_trace.h"
 
 #include <dlfcn.h>
+#include <link.h>
 
 #include <cctype>
 #include <cstdio>
@@ -49,15 +50,39 @@ std::string maskHeaderLine(const std::string& line) {
   // Keep the line end so that the dump still breaks lines where the wire did.
   return line.substr(0, colon + 1) + " ***" + lineEnd(line);
 }
+
+// True when addr lies in the program itself rather than in a shared object
+// (the first object dl_iterate_phdr reports is the program).
+bool inProgram(const void* addr) {
+  struct Probe {
+    uintptr_t addr;
+    bool found;
+  } probe{reinterpret_cast<uintptr_t>(addr), false};
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, size_t, void* data) {
+        auto* p = static_cast<Probe*>(data);
+        for (int i = 0; i < info->dlpi_phnum; ++i) {
+          const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+          uintptr_t start = info->dlpi_addr + ph.p_vaddr;
+          if (ph.p_type == PT_LOAD && p->addr >= start && p->addr - start < ph.p_memsz)
+            p->found = true;
+        }
+        return 1;
+      },
+      &probe);
+  return probe.found;
+}
 }  // namespace
 
 const MaskedHttpHeaders& qxMaskedHeaders() {
   static const MaskedHttpHeaders* table = [] {
-    // The module sits next to the library (or next to the program that
-    // has the library linked in).
+    // The module sits next to the shared library. A program with the
+    // library linked in may carry a C++ runtime of its own, which the
+    // module's would duplicate: it keeps the library's own table.
     Dl_info self{};
     std::string dir;
-    if (dladdr(reinterpret_cast<void*>(&qxMaskedHeaders), &self) != 0 && self.dli_fname) {
+    const void* here = reinterpret_cast<void*>(&qxMaskedHeaders);
+    if (!inProgram(here) && dladdr(here, &self) != 0 && self.dli_fname) {
       dir = self.dli_fname;
       size_t slash = dir.rfind('/');
       // An absolute directory only: a program's name may be relative.

@@ -6,8 +6,9 @@
 #include "client/qxclnt_masked_headers.h"
 
 // The process-wide masked-header table: the ACE singleton of the library's
-// ACE module, loaded on first use; a table of the library's own when the
-// module cannot be loaded (the same names).
+// ACE module, loaded on first use by the shared library; a table of the
+// library's own when the module cannot be loaded or the library is linked
+// into the program (the same names).
 const MaskedHttpHeaders& qxMaskedHeaders();
 
 // The text of a trace record after masking: header values that are not
