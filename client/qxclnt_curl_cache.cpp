@@ -81,13 +81,12 @@ int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string&
                             << type << "]";
     return QX_ERR_BAD_ARGUMENT;
   }
-  const std::string url = m_server_url + path;
   const bool useCache = decision != CACHE_USAGE_NONE;
   const bool secure = decision == CACHE_USAGE_SECURE_READ || decision == CACHE_USAGE_SECURE_UPDATE;
   const bool lookup = decision == CACHE_USAGE_READ_UPDATE || decision == CACHE_USAGE_SECURE_READ;
   if (useCache && m_cacheHandle.empty()) m_cacheHandle = qxCSCacheHandle(m_server, m_port);
   std::unique_ptr<SessionTokenMgmt> store;
-  if (secure) store = std::make_unique<SessionTokenMgmt>(url.c_str());
+  if (secure) store = std::make_unique<SessionTokenMgmt>((m_server_url + path).c_str());
   if (useCache) {
     QXLOG(QXLOG_PROGRESS, tag) << "Checking cache before/after web-api for path:" << path;
   }
@@ -128,7 +127,8 @@ int QXClientCURL::GetWithCache(cache_usage_decision decision, const std::string&
     fill.armed = updateAllowed;
   }
 
-  QXLOG(QXLOG_PROGRESS, tag) << "Request not served from cache hence invoking URL: " << url;
+  QXLOG(QXLOG_PROGRESS, tag) << "Request not served from cache hence invoking URL: " << m_server_url
+                             << path;
   // A handle left as an earlier verb configured it goes back to GET; one
   // that already is a GET is left alone.
   if (m_methodChanged || m_customRequest) {
