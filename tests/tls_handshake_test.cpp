@@ -8,6 +8,8 @@
 
 #include <chrono>
 #include <functional>
+#include <thread>
+#include <utility>
 
 #include "qxcurl/qxclnt_curl.h"
 #include "testing/fixture/qx_test_env.h"
@@ -190,6 +192,27 @@ TEST_F(TlsHandshakeTest, KeyLoadingOutcomes) {
     EXPECT_EQ(tc.want, fetch(*c)) << c->m_errorBuffer;
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     EXPECT_EQ(tc.want == QX_ERR_KEY_NOT_FIPS ? QX_ERR_KEY_NOT_FIPS : 0, c->m_sslCtxErrorCode);
+  }
+}
+
+// A trust store replaced under a long-lived client: its next new connection
+// trusts what the file says now, not what it said when first read.
+TEST_F(TlsHandshakeTest, ReplacedTrustStoreReachesNewConnections) {
+  const std::string trust = root().path("var/webtruststore/cacert.pem");
+  const std::string ownCA = qxReadFile(trust),
+                    otherCA = qxReadFile(root().path("var/pki/eca/cacert.pem"));
+  auto c = client(QXCURL_USE_TOKEN);
+  curl_easy_setopt(c->m_curlHandle, CURLOPT_FRESH_CONNECT, 1L);
+  curl_easy_setopt(c->m_curlHandle, CURLOPT_FORBID_REUSE, 1L);
+  // A resumed session is not verified again.
+  curl_easy_setopt(c->m_curlHandle, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  curl_easy_setopt(c->m_curlHandle, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
+  for (const auto& [ca, want] :
+       {std::pair{ownCA, CURLE_OK}, {otherCA, CURLE_PEER_FAILED_VERIFICATION}, {ownCA, CURLE_OK}}) {
+    ASSERT_TRUE(qxWriteFile(trust, ca));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    fetch(*c);
+    EXPECT_EQ(want, c->m_curlError) << c->m_errorBuffer;
   }
 }
 

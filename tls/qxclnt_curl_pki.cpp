@@ -226,6 +226,16 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
       int rc = qxSetCurlOption(*this, CURLOPT_CAINFO, m_CACertPath.c_str(), "CURLOPT_CAINFO",
                                QXLOG_OPTION, tag);
       if (rc != 0) result = rc;
+      // The trust store alone is trusted, not the system's hashed directory.
+      // That also lets libcurl keep the store it built from the file: with
+      // an SSL-context callback installed it must build it before every
+      // ClientHello, so each new connection would read and parse the file
+      // while the server waits. Kept for a second at most, so a replaced
+      // trust store reaches new connections as fast as a configuration change.
+      qxSetCurlOption(*this, CURLOPT_CAPATH, static_cast<const void*>(nullptr), "CURLOPT_CAPATH",
+                      QXLOG_OPTION, tag);
+      qxSetCurlOption(*this, CURLOPT_CA_CACHE_TIMEOUT, 1L, "CURLOPT_CA_CACHE_TIMEOUT", QXLOG_OPTION,
+                      tag);
     } else {
       setupCAInfoToNULL();
     }
