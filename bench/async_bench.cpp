@@ -92,6 +92,8 @@ int runRaw(const Args& a) {
     curl_easy_setopt(x.handle, CURLOPT_URL, url.c_str());
     curl_easy_setopt(x.handle, CURLOPT_HTTPGET, 1L);
     curl_easy_setopt(x.handle, CURLOPT_CAINFO, a.caFile.c_str());
+    curl_easy_setopt(x.handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    curl_easy_setopt(x.handle, CURLOPT_CA_CACHE_TIMEOUT, 1L);
     curl_easy_setopt(x.handle, CURLOPT_HTTPHEADER, hdrs);
     curl_easy_setopt(x.handle, CURLOPT_WRITEFUNCTION, &appendTo);
     curl_easy_setopt(x.handle, CURLOPT_WRITEDATA, &x.body);

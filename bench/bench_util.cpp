@@ -3,6 +3,7 @@
 // shared library of the process as well.
 #include "bench/bench_util.h"
 
+#include <sched.h>
 #include <sys/time.h>
 
 #include <atomic>
@@ -90,4 +91,23 @@ bool qxBenchAgeFile(const std::string& path) {
   times[0].tv_sec -= 60;
   times[1].tv_sec -= 60;
   return utimes(path.c_str(), times) == 0;
+}
+
+bool qxBenchPinTo(bool server) {
+  // The set allowed when first asked, so that a second call can widen again.
+  static cpu_set_t allowed;
+  static int count = [] {
+    CPU_ZERO(&allowed);
+    return sched_getaffinity(0, sizeof allowed, &allowed) == 0 ? CPU_COUNT(&allowed) : 0;
+  }();
+  if (count < 2) return false;
+  cpu_set_t want;
+  CPU_ZERO(&want);
+  bool first = true;
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (!CPU_ISSET(cpu, &allowed)) continue;
+    if (first == server) CPU_SET(cpu, &want);
+    first = false;
+  }
+  return sched_setaffinity(0, sizeof want, &want) == 0;
 }

@@ -22,4 +22,10 @@ bool qxBenchAllocActive();
 // re-reads a file written in the last two seconds on every call; an installed
 // configuration is older than that, and so must the benchmarks' be.
 bool qxBenchAgeFile(const std::string& path);
+// With two allowed CPUs or more, keeps the server and the measured clients
+// apart (as on a real network), so that they do not take turns on one CPU:
+// the calling process, and what it starts afterwards, runs on the first
+// allowed CPU (server true) or on the others (server false). False when the
+// machine has one CPU or the affinity cannot be set; nothing changes then.
+bool qxBenchPinTo(bool server);
 #endif  // QXCURL_BENCH_BENCH_UTIL_H

@@ -117,6 +117,14 @@ class RawRequester {
     curl_easy_setopt(m_handle, CURLOPT_URL, url.c_str());
     curl_easy_setopt(m_handle, CURLOPT_HTTPGET, 1L);
     curl_easy_setopt(m_handle, CURLOPT_CAINFO, caFile.c_str());
+    // The client trusts the file alone and lets libcurl keep the store it
+    // built for a second; QXBENCH_RAW_PLAIN_CA=1 leaves libcurl's defaults
+    // (the system's hashed directory too, the file read for every connection).
+    const char* plain = std::getenv("QXBENCH_RAW_PLAIN_CA");
+    if (plain == nullptr || std::strcmp(plain, "1") != 0) {
+      curl_easy_setopt(m_handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+      curl_easy_setopt(m_handle, CURLOPT_CA_CACHE_TIMEOUT, 1L);
+    }
     curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, m_headers);
@@ -243,13 +251,14 @@ int runChild(const ChildArgs& a) {
 // ---- parent ----
 
 struct Options {
-  int keepAlive = 2000;  // requests per kept-alive run
-  int fresh = 300;       // requests per run that connects each time
-  int rounds = 7;        // alternating rounds per row (at least five for the table)
+  int keepAlive = 1000;  // requests per kept-alive run
+  int fresh = 200;       // requests per run that connects each time
+  int rounds = 21;       // alternating rounds per row (at least five for the table)
   int warmup = 20;
   int toolRuns = 20;      // processes per side and round
   bool syscalls = true;   // strace available and wanted
   bool toolOnly = false;  // only the tool against curl
+  bool hold = false;      // set up, print how to run a child, wait for end of input
 };
 
 struct Spawned {
@@ -392,6 +401,9 @@ std::string machineLine() {
   return b;
 }
 
+// Whether nginx and the measured processes ran on separate CPUs.
+bool g_pinned = false;
+
 void printTable(const std::vector<Row>& rows, const Options& o) {
   std::printf(
       "\n| scenario | preferred networks | metric | library | raw | ratio (spread) | target |\n");
@@ -433,8 +445,9 @@ void printTable(const std::vector<Row>& rows, const Options& o) {
   }
   std::printf(
       "\nMachine: %s. Release build; medians of %d alternating rounds, spread min-max of "
-      "the per-round ratios.\n",
-      machineLine().c_str(), o.rounds);
+      "the per-round ratios%s.\n",
+      machineLine().c_str(), o.rounds,
+      g_pinned ? "; nginx on one CPU, the measured processes on the others" : "");
   std::printf("\n%s\n", missed ? "some targets MISSED" : "all targets met");
 }
 
@@ -557,9 +570,15 @@ int runParent(const std::string& exe, const Options& o) {
   mkdir(ngxDir.c_str(), 0700);
   QXBenchNginx nginx;
   std::string error;
+  const bool pinned = qxBenchPinTo(true);
   if (nginx.start(ngxDir, rootOn.pki("qxca/server.pem"), rootOn.pki("qxca/server.key"), &error) !=
       0) {
     std::fprintf(stderr, "cannot start nginx: %s\n", error.c_str());
+    return 1;
+  }
+  g_pinned = pinned;
+  if (pinned && !qxBenchPinTo(false)) {
+    std::fprintf(stderr, "cannot move the clients off nginx's CPU\n");
     return 1;
   }
   Env e;
@@ -572,6 +591,18 @@ int runParent(const std::string& exe, const Options& o) {
   if (opt.syscalls && !haveStrace()) {
     std::fprintf(stderr, "(strace not found: system calls not counted)\n");
     opt.syscalls = false;
+  }
+  if (opt.hold) {
+    // A child measures SCENARIO (0 kept-alive, 1 new connection, 2 new
+    // object) as "raw" or "qx" and prints its figures.
+    std::printf(
+        "ARVION_ROOT=%s %s --child qx|raw SCENARIO %d REQUESTS WARMUP %s\n"
+        "(preferred networks off: ARVION_ROOT=%s); end of input stops nginx\n",
+        e.rootOn.c_str(), exe.c_str(), e.port, e.caFile.c_str(), e.rootOff.c_str());
+    std::fflush(stdout);
+    while (std::getchar() != EOF) {
+    }
+    return 0;
   }
   std::printf("nginx on port %d; %d kept-alive / %d connecting requests per run, %d rounds%s\n",
               e.port, opt.keepAlive, opt.fresh, opt.rounds,
@@ -653,13 +684,16 @@ int main(int argc, char** argv) {
       o.syscalls = false;
     } else if (arg == "--tool-only") {
       o.toolOnly = true;
+    } else if (arg == "--hold") {
+      o.hold = true;
     } else {
       std::fprintf(stderr,
                    "usage: %s [--requests N] [--connect-requests N] [--rounds N] [--tool-runs N]"
-                   " [--no-syscalls] [--tool-only]\n"
-                   "  N kept-alive requests per run (2000), N requests per run that connect\n"
-                   "  anew (300), alternating rounds per row (7), tool processes per side and\n"
-                   "  round (20); --no-syscalls skips the strace counts\n",
+                   " [--no-syscalls] [--tool-only] [--hold]\n"
+                   "  N kept-alive requests per run (1000), N requests per run that connect\n"
+                   "  anew (200), alternating rounds per row (21), tool processes per side and\n"
+                   "  round (20); --no-syscalls skips the strace counts; --hold keeps nginx\n"
+                   "  and the roots until end of input, for profiling a child by hand\n",
                    argv[0]);
       return 2;
     }
