@@ -222,19 +222,9 @@ TEST_F(AsyncClientTest, RevocationVerdictsSharedAcrossClients) {
   }
 }
 
-TEST(AsyncClientUnit, MapMultiCurlErrorTable) {
+TEST(AsyncClientUnit, FactoryRefusesAnEmptyServer) {
   QXTestRoot root;
   ASSERT_TRUE(root.ok());
-  QXClientAsyncCURL c("m.example", 1556, "arvion/ping", "", REQTYPE_GET, CERT_TYPE_HOST,
-                      QXCURL_INSECURE);
-  const int table[][2] = {
-      {CURLM_BAD_HANDLE, QX_ERR_MULTI_INTERNAL},     {CURLM_OUT_OF_MEMORY, QX_ERR_NO_MEMORY},
-      {CURLM_BAD_SOCKET, QX_ERR_BAD_SOCKET},         {CURLM_ADDED_ALREADY, QX_ERR_IN_PROGRESS},
-      {CURLM_INTERNAL_ERROR, QX_ERR_REQUEST_FAILED}, {-1, QX_ERR_REQUEST_FAILED}};
-  for (const auto& row : table) {
-    c.m_curlMultiError = row[0];
-    EXPECT_EQ(row[1], c.mapMultiCurlError()) << "multi result " << row[0];
-  }
   std::string none;
   EXPECT_EQ(nullptr, QXClientAsyncCURLFactory().generateAsyncCURL("", 1556, "p", none, REQTYPE_GET,
                                                                   CERT_TYPE_HOST, QXCURL_INSECURE));
