@@ -148,18 +148,6 @@ bool ensureScopeDir(const Paths& p) {
   return true;
 }
 
-bool readAll(int fd, size_t cap, std::string& out) {
-  char buf[16384];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return false;
-    if (n == 0) return true;
-    if (out.size() + static_cast<size_t>(n) > cap) return false;
-    out.append(buf, static_cast<size_t>(n));
-  }
-}
-
 // The text of an entry file of this account; false for anything else.
 bool readEntryFile(const std::string& path, std::string& text) {
   QXFileTrust trust;
@@ -179,7 +167,7 @@ bool readEntryFile(const std::string& path, std::string& text) {
         << "Cache entry [" << path << "] is not the account's own or too large; ignored";
   }
   if (ok) text.reserve(static_cast<size_t>(st.st_size));
-  ok = ok && readAll(fd, QX_CS_CACHE_MAX_ENTRY, text);
+  ok = ok && qxReadAllCapped(fd, QX_CS_CACHE_MAX_ENTRY, text);
   close(fd);
   return ok;
 }

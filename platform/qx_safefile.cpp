@@ -80,6 +80,11 @@ QXFileTrust readCapped(int fd, size_t cap, std::string& out, bool* over) {
 }
 }  // namespace
 
+bool qxReadAllCapped(int fd, size_t cap, std::string& out) {
+  bool over = false;
+  return out.size() <= cap && readCapped(fd, cap, out, &over) == QX_FILE_OK && !over;
+}
+
 QXFileTrust qxReadTrusted(const std::string& path, size_t maxBytes, std::string& out) {
   out.clear();
   QXFileTrust trust;

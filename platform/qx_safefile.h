@@ -67,4 +67,8 @@ int qxOpenLockFile(const std::string& path, bool readOnlyOk, int* err, bool* rep
 
 // Writes all of data to fd (EINTR resumed). False on any short write.
 bool qxWriteAll(int fd, const std::string& data);
+
+// Appends the rest of fd to out (EINTR resumed). False on a read error or
+// when out would hold more than cap bytes in all.
+bool qxReadAllCapped(int fd, size_t cap, std::string& out);
 #endif  // QXCURL_PLATFORM_QX_SAFEFILE_H

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +16,7 @@
 #include "platform/qx_config.h"
 #include "platform/qx_log.h"
 #include "platform/qx_root.h"
+#include "platform/qx_safefile.h"
 #include "platform/qx_util.h"
 #include "qxcurl/qx_status.h"
 
@@ -87,29 +87,6 @@ std::string sha256Hex(const std::string& data) {
   return out;
 }
 
-bool readAll(int fd, std::string& out) {
-  char buf[8192];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return false;
-    if (n == 0) return true;
-    out.append(buf, static_cast<size_t>(n));
-    if (out.size() > kMaxEntryBytes) return false;
-  }
-}
-
-bool writeAll(int fd, const std::string& s) {
-  size_t off = 0;
-  while (off < s.size()) {
-    ssize_t n = write(fd, s.data() + off, s.size() - off);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    off += static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Reads "<decimal>\n" at pos; false on anything else. At most 18 digits, so
 // the value cannot overflow.
 bool readNumberLine(const std::string& s, size_t& pos, long long& value) {
@@ -163,7 +140,7 @@ std::string SessionTokenMgmt::readSessionToken() {
                             << "] is not the user's own or others can write it; ignored";
     ok = false;
   }
-  ok = ok && readAll(fd, data);
+  ok = ok && qxReadAllCapped(fd, kMaxEntryBytes, data);
   close(fd);
   if (!ok) return std::string();
 
@@ -199,21 +176,12 @@ int SessionTokenMgmt::writeSessionToken(const std::string& text, long expiry) {
     return QX_ERR_FILE_NOT_FOUND;
   }
 
-  static std::atomic<unsigned> counter{0};
-  std::string tmp = path + ".tmp." + std::to_string(getpid()) + "." + std::to_string(++counter);
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd < 0) {
-    QXLOG(QXLOG_ERROR, tag) << "Cannot create [" << tmp << "]: " << std::strerror(errno);
-    return QX_ERR_WRITE;
-  }
   std::string data = kMagic;
   data += std::to_string(until) + "\n" + std::to_string(text.size()) + "\n";
   data += text;
-  bool ok = fchmod(fd, 0600) == 0 && writeAll(fd, data) && fsync(fd) == 0;
-  ok = (close(fd) == 0) && ok;
-  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-    QXLOG(QXLOG_ERROR, tag) << "Cannot write [" << path << "]: " << std::strerror(errno);
-    unlink(tmp.c_str());
+  int err = qxReplaceFile(path, data, 0600);
+  if (err != 0) {
+    QXLOG(QXLOG_ERROR, tag) << "Cannot write [" << path << "]: " << std::strerror(err);
     return QX_ERR_WRITE;
   }
   return 0;
