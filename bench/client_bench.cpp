@@ -120,8 +120,12 @@ class RawRequester {
     // The client trusts the file alone and lets libcurl keep the store it
     // built for a second; QXBENCH_RAW_PLAIN_CA=1 leaves libcurl's defaults
     // (the system's hashed directory too, the file read for every connection).
-    const char* plain = std::getenv("QXBENCH_RAW_PLAIN_CA");
-    if (plain == nullptr || std::strcmp(plain, "1") != 0) {
+    // Read once: a new requester per request must not add the lookup.
+    static const bool plain = [] {
+      const char* v = std::getenv("QXBENCH_RAW_PLAIN_CA");
+      return v != nullptr && std::strcmp(v, "1") == 0;
+    }();
+    if (!plain) {
       curl_easy_setopt(m_handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
       curl_easy_setopt(m_handle, CURLOPT_CA_CACHE_TIMEOUT, 1L);
     }
