@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/qx_config.h"

@@ -7,7 +7,6 @@
 #include <openssl/rsa.h>
 
 #include <chrono>
-#include <functional>
 #include <thread>
 #include <utility>
 

@@ -6,7 +6,6 @@
 
 #include <ctime>
 #include <functional>
-#include <memory>
 
 #include "qxcurl/qxclnt_curl.h"
 #include "testing/fixture/qx_test_env.h"

@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <list>
-#include <sstream>
 #include <string>
 #include <vector>
 
