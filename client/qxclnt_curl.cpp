@@ -260,6 +260,9 @@ void QXClientCURL::applyHandleDefaults() {
   QXLOG(QXLOG_PROGRESS, "QXClientCURL::QXClientCURL")
       << "Disabling any proxy option set in the environment.";
   setCurlOptionLogged(CURLOPT_PROXY, "", "CURLOPT_PROXY", QXLOG_DETAIL);
+  // Nor may the environment's no_proxy take a host out of a configured
+  // tunnel; libcurl would also read it on every request.
+  setCurlOptionLogged(CURLOPT_NOPROXY, "", "CURLOPT_NOPROXY", QXLOG_DETAIL);
   setCurlOptionLogged(CURLOPT_CERTINFO, 1L, "CURLOPT_CERTINFO", QXLOG_DETAIL);
 }
 

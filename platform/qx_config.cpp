@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -22,9 +23,14 @@
 #include "platform/qx_util.h"
 #include "qxcurl/qx_status.h"
 
+// Numbers each configuration handed out, so that callers can remember a
+// decision per configuration without holding it.
+std::atomic<uint64_t> g_configVersions{0};
+
 struct QXMasterConfig {
   // Values of each key in file order.
   std::map<std::string, std::vector<std::string>> values;
+  uint64_t version = ++g_configVersions;
 };
 
 namespace {
@@ -68,6 +74,18 @@ struct LastLook {
 };
 LastLook g_lastLook;  // under g_cacheMutex
 int64_t (*g_clock)() = nullptr;
+// Moves on qxConfigChanged: every thread's own copy of the last look is then
+// stale.
+std::atomic<uint64_t> g_lookEpoch{1};
+// This thread's copy of the last look: a fresh one is used without the lock.
+struct ThreadLook {
+  uint64_t epoch = 0;
+  uint64_t rootVersion = 0;
+  int64_t atNs = 0;
+  int status = 0;
+  std::shared_ptr<const QXMasterConfig> cfg;
+};
+thread_local ThreadLook t_look;
 
 int64_t monotonicNs() {
   if (g_clock != nullptr) return g_clock();
@@ -89,11 +107,12 @@ thread_local Pin t_pin;
 
 // The configuration path, rebuilt only when the install root changes.
 const std::string& configPath() {
-  thread_local std::string root, path;
-  const std::string& now = qxInstallRootRef();
-  if (path.empty() || root != now) {
+  thread_local uint64_t root = 0;
+  thread_local std::string path;
+  const uint64_t now = qxInstallRootVersion();
+  if (root != now) {
     root = now;
-    path = root + "/arvion/arvion.conf";
+    path = qxInstallRootRef() + "/arvion/arvion.conf";
   }
   return path;
 }
@@ -244,19 +263,31 @@ std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status) {
     if (status != nullptr) *status = t_pin.status;
     return t_pin.cfg;
   }
-  const std::string& path = configPath();
+  // The install root is still read on every call; within a second of the
+  // last look nothing else is, and no lock is taken.
+  const uint64_t root = qxInstallRootVersion();
   const int64_t now = monotonicNs();
+  const uint64_t epoch = g_lookEpoch.load(std::memory_order_acquire);
+  if (t_look.epoch == epoch && t_look.rootVersion == root && now >= t_look.atNs &&
+      now - t_look.atNs < kFreshNs) {
+    if (status != nullptr) *status = t_look.status;
+    return t_look.cfg;
+  }
+  const std::string& path = configPath();
+  int rc = 0;
+  int64_t at = now;
+  std::shared_ptr<const QXMasterConfig> cfg;
   {
     std::lock_guard<std::mutex> guard(g_cacheMutex);
     if (g_lastLook.valid && now - g_lastLook.atNs < kFreshNs && now >= g_lastLook.atNs &&
         g_lastLook.path == path) {
-      if (status != nullptr) *status = g_lastLook.status;
-      return g_lastLook.cfg;
+      rc = g_lastLook.status;
+      at = g_lastLook.atNs;
+      cfg = g_lastLook.cfg;
     }
   }
-  int rc = 0;
-  std::shared_ptr<const QXMasterConfig> cfg = pushLogSettings(qxLoadMasterConfigUnlogged(&rc));
-  {
+  if (!cfg) {
+    cfg = pushLogSettings(qxLoadMasterConfigUnlogged(&rc));
     std::lock_guard<std::mutex> guard(g_cacheMutex);
     g_lastLook.path = path;
     g_lastLook.atNs = now;
@@ -264,19 +295,35 @@ std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status) {
     g_lastLook.cfg = cfg;
     g_lastLook.valid = true;
   }
+  // The thread's copy keeps the look's own time: a second from the stat.
+  t_look.epoch = epoch;
+  t_look.rootVersion = root;
+  t_look.atNs = at;
+  t_look.status = rc;
+  t_look.cfg = cfg;
   if (status != nullptr) *status = rc;
   return cfg;
+}
+
+uint64_t qxConfigVersion(int* status) {
+  if (t_pin.depth > 0) {
+    if (status != nullptr) *status = t_pin.status;
+    return t_pin.cfg->version;
+  }
+  return qxLoadMasterConfig(status)->version;
 }
 
 void qxConfigChanged() {
   std::lock_guard<std::mutex> guard(g_cacheMutex);
   g_lastLook.valid = false;
+  g_lookEpoch.fetch_add(1, std::memory_order_release);
 }
 
 void qxConfigT_setClock(int64_t (*nowNs)()) {
   std::lock_guard<std::mutex> guard(g_cacheMutex);
   g_clock = nowNs;
   g_lastLook.valid = false;
+  g_lookEpoch.fetch_add(1, std::memory_order_release);
 }
 
 QXConfigSnapshot::QXConfigSnapshot() {

@@ -91,6 +91,10 @@ std::string qxMasterConfigPath();
 // this thread's current one; never null (empty on failure). *status as for
 // QX_read_master_config when status is not null.
 std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status);
+// A number of the current configuration (the one qxLoadMasterConfig gives):
+// it changes whenever that configuration does, so a decision drawn from the
+// configuration can be kept until then. *status as for qxLoadMasterConfig.
+uint64_t qxConfigVersion(int* status);
 // Parses configuration text; origin names it in messages about bad lines.
 std::shared_ptr<const QXMasterConfig> qxParseMasterConfig(const std::string& text,
                                                           const std::string& origin);

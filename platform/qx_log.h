@@ -27,8 +27,8 @@ void logmsgvf(int level, int category, const char* tag, const char* fmt, va_list
 bool qxLogWanted(int level);
 
 // Stream form: QXLOG(QXLOG_PROGRESS, "QXClientCURL::Get") << "x = [" << x << "]";
-// The text is composed only when the level is wanted and logged when the
-// statement ends.
+// Nothing after QXLOG(...) is evaluated unless the level is wanted (so no
+// side effects there); the text is logged when the statement ends.
 class QXLogStream {
  public:
   QXLogStream(int level, const char* tag, int category = QXLOG_CATEGORY);
@@ -49,7 +49,16 @@ class QXLogStream {
   // stream construction at all.
   std::optional<std::ostringstream> m_os;
 };
-#define QXLOG(level, tag) QXLogStream((level), (tag))
+// Ends a QXLOG expression; lets the macro skip the whole statement, its
+// arguments included, when the level is not wanted.
+struct QXLogVoidify {
+  void operator&(const QXLogStream&) const {}
+};
+// Not parenthesised: the caller's << must bind to the stream.
+// NOLINTBEGIN(bugprone-macro-parentheses)
+#define QXLOG(level, tag) \
+  !qxLogWanted(level) ? (void)0 : QXLogVoidify() & QXLogStream((level), (tag))
+// NOLINTEND(bugprone-macro-parentheses)
 
 // Tests capture messages in-process: the sink receives every message of every
 // level (the threshold does not apply) until it is removed with nullptr.

@@ -7,26 +7,34 @@
 
 namespace {
 const char kProductRoot[] = "/usr/tarvo";
-}
 
-const std::string& qxInstallRootRef() {
-  // Worked out again only when the variable changes; no allocation per call.
-  thread_local bool known = false;
-  thread_local std::string env, root;
+struct RootState {
+  uint64_t version = 0;  // this thread's count of changes seen; 0: none yet
+  std::string env, root;
+};
+
+// Worked out again only when the variable changes; no allocation per call.
+const RootState& current() {
+  thread_local RootState st;
   const char* now = std::getenv("ARVION_ROOT");
   if (now == nullptr) now = "";
-  if (known && env == now) return root;
-  env = now;
-  known = true;
-  if (env.empty()) {
-    root = kProductRoot;
-    return root;
+  if (st.version != 0 && st.env == now) return st;
+  ++st.version;
+  st.env = now;
+  if (st.env.empty()) {
+    st.root = kProductRoot;
+    return st;
   }
-  root = env;
+  st.root = st.env;
   // "/x/" and "/x" name the same root; keep "/" itself intact.
-  while (root.size() > 1 && root.back() == '/') root.pop_back();
-  return root;
+  while (st.root.size() > 1 && st.root.back() == '/') st.root.pop_back();
+  return st;
 }
+}  // namespace
+
+const std::string& qxInstallRootRef() { return current().root; }
+
+uint64_t qxInstallRootVersion() { return current().version; }
 
 std::string qxInstallRoot() { return qxInstallRootRef(); }
 

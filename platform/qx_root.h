@@ -1,6 +1,7 @@
 #ifndef QXCURL_PLATFORM_QX_ROOT_H
 #define QXCURL_PLATFORM_QX_ROOT_H
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 // The install root: "/usr/tarvo" unless ARVION_ROOT names another directory.
@@ -8,6 +9,9 @@
 std::string qxInstallRoot();
 // The same, without a copy: valid until this thread's next call.
 const std::string& qxInstallRootRef();
+// Changes whenever this thread sees the install root change: a cheap key for
+// anything worked out from the root.
+uint64_t qxInstallRootVersion();
 
 // Maps one of the product's fixed paths ("/usr/tarvo/tmp",
 // "/usr/tarvo/var/webtruststore/cacert.pem") to the same suffix under the

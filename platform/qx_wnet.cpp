@@ -644,6 +644,18 @@ std::shared_ptr<const WnetRuleSet> wnet_current_pref_rules() {
   return g_rules;
 }
 
+unsigned long wnet_pref_rules_generation() {
+  // The rules follow from the configuration: asked again only when it changes.
+  thread_local uint64_t version = 0;
+  thread_local unsigned long generation = 0;
+  const uint64_t now = qxConfigVersion(nullptr);
+  if (now != version) {
+    generation = wnet_current_pref_rules()->generation;
+    version = now;
+  }
+  return generation;
+}
+
 std::shared_ptr<const std::vector<WnetIface>> wnet_interfaces() {
   Clock::time_point now = Clock::now();
   {

@@ -110,6 +110,8 @@ std::shared_ptr<const WnetRuleSet> wnet_parse_pref_rules(const std::vector<std::
 // change. A change elsewhere in the file keeps the same rule set (and
 // generation).
 std::shared_ptr<const WnetRuleSet> wnet_current_pref_rules();
+// The generation of those rules, without taking them: checked per request.
+unsigned long wnet_pref_rules_generation();
 
 struct WnetIface {
   WnetAddr addr;

@@ -41,7 +41,9 @@ std::string resolveHost(std::string_view host) {
 // Where the exchange dials. Through a tunnel libcurl asks for a socket to the
 // proxy, not to the server. A view: nothing is copied per request.
 std::string_view exchangeTarget(const QXClientCURL& c, int& port) {
-  if (!c.m_tunnelName.empty() && strcasecmp(c.m_tunnelName.c_str(), c.m_server.c_str()) != 0) {
+  // Mostly the very same name (no tunnel): strcasecmp only for the rest.
+  if (!c.m_tunnelName.empty() && c.m_tunnelName != c.m_server &&
+      strcasecmp(c.m_tunnelName.c_str(), c.m_server.c_str()) != 0) {
     port = kTunnelPort;
     return bare(c.m_tunnelName);
   }
@@ -87,7 +89,7 @@ bool stillPermitted(curl_socket_t s) {
 void arm(QXClientCURL& c, const std::string& host, int port) {
   qxclnt_curl_prefnet& conn = *c.m_connector;
   conn.reset();
-  c.m_pbxRules = wnet_current_pref_rules()->generation;
+  c.m_pbxRules = wnet_pref_rules_generation();
   conn.update_connect_param(host);
   conn.update_connect_port(static_cast<unsigned int>(port));
   conn.update_connect_param(c.m_connectorTimeout);
@@ -116,7 +118,7 @@ bool keptUsable(QXClientCURL& c, std::string_view host, int port) {
   curl_socket_t kept = keptConnection(c, host, port);
   if (kept == CURL_SOCKET_BAD) return false;
   // Changed rules take effect on the next request, kept connection or not.
-  unsigned long rules = wnet_current_pref_rules()->generation;
+  unsigned long rules = wnet_pref_rules_generation();
   if (rules == c.m_pbxRules || stillPermitted(kept)) {
     c.m_pbxRules = rules;
     QXLOG(QXLOG_PROGRESS, tag) << "Reusing the kept-alive connection to [" << host << "].";

@@ -221,6 +221,9 @@ TEST_F(TunnelRouterTest, ConcurrentProcessesKeepEachOthersEntries) {
 // tunnel to walk. (The iterator's walk is the asynchronous client's
 // TunnelDownTakesTheNext.)
 TEST_F(TunnelRouterTest, UnreadableConfiguration) {
+  QXWebsvcTunnelRouter router;  // its answer from before must not outlive the change
+  ASSERT_TRUE(m_root.writeConfig(std::string("WEB_SERVER_TUNNEL_USE = 0\n") + kServers));
+  EXPECT_TRUE(router.useHttpTunnel());
   ASSERT_TRUE(qxWriteFile(m_root.path("arvion/arvion.conf"), std::string((1 << 20) + 1, '#')));
   qxConfigChanged();
   int value = -7;
@@ -230,7 +233,6 @@ TEST_F(TunnelRouterTest, UnreadableConfiguration) {
   EXPECT_EQ(QX_ERR_FILE_NOT_FOUND, getTunnelOverrides(master, list));
   EXPECT_EQ(-7, value);
   EXPECT_EQ(Names{"kept"}, list);
-  QXWebsvcTunnelRouter router;
   EXPECT_FALSE(router.useHttpTunnel());
   EXPECT_FALSE(QXWebsvcTunnelIterator(router, "localhost").hasNext());
 }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/qx_config.h"
 #include "platform/qx_log.h"
 #include "platform/qx_root.h"
 #include "platform/qx_safefile.h"
@@ -211,19 +212,32 @@ void QXWebsvcTunnelRouter::resetState() {
 
 bool QXWebsvcTunnelRouter::useHttpTunnel() {
   const char* tag = "QXWebsvcTunnelRouter::useHttpTunnel";
-  if (wnet_is_server("localhost")) return false;
+  // The answer depends on the configuration alone: it is worked out once per
+  // configuration, not per request. An unreadable one is never remembered,
+  // so its error is logged each time.
+  int status = 0;
+  const uint64_t version = qxConfigVersion(&status);
+  if (status != 0 || version != m_decidedConfig) {
+    m_decidedConfig = 0;
+    m_decidedServer = wnet_is_server("localhost");
+  }
+  if (m_decidedServer) return false;
   if (m_hasAdditionalServers) {
     QXLOG(QXLOG_PROGRESS, tag) << kAdditionalServersMsg;
     return true;
   }
-  int use = 0;
-  int rc = getTunnelUse(use);
-  if (rc != 0) {
-    QXLOG(QXLOG_ERROR, tag) << "Master config read failed with error: " << rc;
-    return false;
+  if (m_decidedConfig == 0) {
+    int use = 0;
+    int rc = getTunnelUse(use);
+    if (rc != 0) {
+      QXLOG(QXLOG_ERROR, tag) << "Master config read failed with error: " << rc;
+      return false;
+    }
+    m_decidedUse = use;
+    m_decidedConfig = status == 0 ? version : 0;
   }
-  m_tunnelUse = use;
-  return use == 0 || use == 1;
+  m_tunnelUse = m_decidedUse;
+  return m_tunnelUse == 0 || m_tunnelUse == 1;
 }
 
 int QXWebsvcTunnelRouter::getWebServerConnectTimeout() {

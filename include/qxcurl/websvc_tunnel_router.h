@@ -54,6 +54,10 @@ class QX_API QXWebsvcTunnelRouter {
   std::list<std::string> m_additionalServers;
   bool m_hasAdditionalServers = false;
   std::string m_lastTunnel;
+  // useHttpTunnel's answer for one configuration version (0: none kept).
+  unsigned long long m_decidedConfig = 0;
+  int m_decidedUse = 0;
+  bool m_decidedServer = false;
 };
 
 // One line of the cache file: false for an empty or malformed line.
