@@ -23,9 +23,11 @@
 #include "platform/qx_util.h"
 #include "qxcurl/qx_status.h"
 
+namespace {
 // Numbers each configuration handed out, so that callers can remember a
 // decision per configuration without holding it.
 std::atomic<uint64_t> g_configVersions{0};
+}  // namespace
 
 struct QXMasterConfig {
   // Values of each key in file order.
