@@ -245,6 +245,9 @@ int QXClientCURL::setFSPKIArtifacts(const ca_usage& usage, bool forMutualAuth) {
   } else {
     QXLOG(QXLOG_OPTION, tag)
         << "Truststore info missing, implying verification for server certificate shall fail.";
+    // Without this libcurl would fall back to its built-in CA bundle, and a
+    // server with a public certificate would verify after all.
+    setupCAInfoToNULL();
   }
 
   if (isExternalCA(usage)) {
