@@ -87,7 +87,6 @@ struct ThreadLook {
   int status = 0;
   std::shared_ptr<const QXMasterConfig> cfg;
 };
-thread_local ThreadLook t_look;
 
 int64_t monotonicNs() {
   if (g_clock != nullptr) return g_clock();
@@ -105,7 +104,14 @@ struct Pin {
   int status = 0;
   std::shared_ptr<const QXMasterConfig> cfg;
 };
-thread_local Pin t_pin;
+
+// One thread-local object for both: in the shared library each thread-local
+// costs a lookup per function that touches it, on every request.
+struct ThreadConfig {
+  Pin pin;
+  ThreadLook look;
+};
+thread_local ThreadConfig t_config;
 
 // The configuration path, rebuilt only when the install root changes.
 const std::string& configPath() {
@@ -261,19 +267,21 @@ const std::shared_ptr<const QXMasterConfig>& pushLogSettings(
 }  // namespace
 
 std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status) {
-  if (t_pin.depth > 0) {
-    if (status != nullptr) *status = t_pin.status;
-    return t_pin.cfg;
+  ThreadConfig& t = t_config;
+  if (t.pin.depth > 0) {
+    if (status != nullptr) *status = t.pin.status;
+    return t.pin.cfg;
   }
   // The install root is still read on every call; within a second of the
   // last look nothing else is, and no lock is taken.
   const uint64_t root = qxInstallRootVersion();
   const int64_t now = monotonicNs();
   const uint64_t epoch = g_lookEpoch.load(std::memory_order_acquire);
-  if (t_look.epoch == epoch && t_look.rootVersion == root && now >= t_look.atNs &&
-      now - t_look.atNs < kFreshNs) {
-    if (status != nullptr) *status = t_look.status;
-    return t_look.cfg;
+  ThreadLook& look = t.look;
+  if (look.epoch == epoch && look.rootVersion == root && now >= look.atNs &&
+      now - look.atNs < kFreshNs) {
+    if (status != nullptr) *status = look.status;
+    return look.cfg;
   }
   const std::string& path = configPath();
   int rc = 0;
@@ -298,19 +306,20 @@ std::shared_ptr<const QXMasterConfig> qxLoadMasterConfig(int* status) {
     g_lastLook.valid = true;
   }
   // The thread's copy keeps the look's own time: a second from the stat.
-  t_look.epoch = epoch;
-  t_look.rootVersion = root;
-  t_look.atNs = at;
-  t_look.status = rc;
-  t_look.cfg = cfg;
+  look.epoch = epoch;
+  look.rootVersion = root;
+  look.atNs = at;
+  look.status = rc;
+  look.cfg = cfg;
   if (status != nullptr) *status = rc;
   return cfg;
 }
 
 uint64_t qxConfigVersion(int* status) {
-  if (t_pin.depth > 0) {
-    if (status != nullptr) *status = t_pin.status;
-    return t_pin.cfg->version;
+  const Pin& pin = t_config.pin;
+  if (pin.depth > 0) {
+    if (status != nullptr) *status = pin.status;
+    return pin.cfg->version;
   }
   return qxLoadMasterConfig(status)->version;
 }
@@ -329,16 +338,18 @@ void qxConfigT_setClock(int64_t (*nowNs)()) {
 }
 
 QXConfigSnapshot::QXConfigSnapshot() {
-  if (t_pin.depth == 0) {
+  Pin& pin = t_config.pin;
+  if (pin.depth == 0) {
     int rc = 0;
-    t_pin.cfg = qxLoadMasterConfig(&rc);
-    t_pin.status = rc;
+    pin.cfg = qxLoadMasterConfig(&rc);
+    pin.status = rc;
   }
-  ++t_pin.depth;
+  ++pin.depth;
 }
 
 QXConfigSnapshot::~QXConfigSnapshot() {
-  if (--t_pin.depth == 0) t_pin.cfg.reset();
+  Pin& pin = t_config.pin;
+  if (--pin.depth == 0) pin.cfg.reset();
 }
 
 std::shared_ptr<const QXMasterConfig> qxLoadMasterConfigUnlogged(int* status) {

@@ -379,7 +379,8 @@ bool wnet_is_server(const char* host) {
     std::string me;
     bool listed = false;
   };
-  thread_local Known known;
+  thread_local Known t_known;
+  Known& known = t_known;
   std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
   if (!known.cfg || known.cfg != cfg) {
     known.cfg = cfg;
@@ -646,14 +647,18 @@ std::shared_ptr<const WnetRuleSet> wnet_current_pref_rules() {
 
 unsigned long wnet_pref_rules_generation() {
   // The rules follow from the configuration: asked again only when it changes.
-  thread_local uint64_t version = 0;
-  thread_local unsigned long generation = 0;
+  struct Known {
+    uint64_t version = 0;
+    unsigned long generation = 0;
+  };
+  thread_local Known t_known;
+  Known& known = t_known;
   const uint64_t now = qxConfigVersion(nullptr);
-  if (now != version) {
-    generation = wnet_current_pref_rules()->generation;
-    version = now;
+  if (now != known.version) {
+    known.generation = wnet_current_pref_rules()->generation;
+    known.version = now;
   }
-  return generation;
+  return known.generation;
 }
 
 std::shared_ptr<const std::vector<WnetIface>> wnet_interfaces() {
