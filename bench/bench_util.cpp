@@ -111,3 +111,9 @@ bool qxBenchPinTo(bool server) {
   }
   return sched_setaffinity(0, sizeof want, &want) == 0;
 }
+
+int64_t qxBenchNowNs(clockid_t id) {
+  timespec ts{};
+  clock_gettime(id, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}

@@ -3,6 +3,8 @@
 // Heap accounting for the benchmarks: every malloc-family call of the process
 // (libcurl, OpenSSL and operator new included) is counted by an interposer
 // linked into the benchmark executable.
+#include <time.h>
+
 #include <cstdint>
 #include <string>
 
@@ -10,6 +12,9 @@ struct QXAllocCounters {
   uint64_t calls = 0;  // malloc, calloc, realloc and aligned allocations
   uint64_t bytes = 0;  // bytes requested by those calls
 };
+
+// clock_gettime(id) in nanoseconds.
+int64_t qxBenchNowNs(clockid_t id);
 
 // Totals since the process started.
 QXAllocCounters qxBenchAllocNow();

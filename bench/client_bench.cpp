@@ -3,8 +3,10 @@
 // curl as a whole process.
 //
 // The parent starts nginx and, for every (scenario, preferred-network
-// switch) row, runs each side in a fresh child process of this executable,
-// alternating which side goes first, several rounds. Each round gives one
+// switch) row, runs each side in a fresh child process
+// (qxcurl_client_bench_child, next to this executable, linked with the shared
+// library as programs that use it are), alternating which side goes first,
+// several rounds. Each round gives one
 // ratio; the table shows the median of the rounds with their spread. The
 // child's process CPU time includes every thread of libcurl's; wall time
 // includes nginx, whose own share is small.
@@ -35,12 +37,10 @@
 
 #include "bench/bench_nginx.h"
 #include "bench/bench_util.h"
-#include "qxcurl/qxclnt_curl.h"
+#include "bench/client_scenarios.h"
 #include "testing/fixture/qx_test_env.h"
 
 namespace {
-
-const char* const kPath = "arvion/ping";
 
 const char* const kConfigCommon =
     "# written by the benchmark\n"
@@ -56,201 +56,13 @@ const char* const kConfigCommon =
     "DISABLE_QXCURL_CONNECTIONS = NO\n"
     "PREFERRED_NETWORK = 10.0.0.0/8 PROHIBITED\n";
 
-enum class Reuse { KeepAlive, Fresh, NewObject };
-
-struct Scenario {
-  const char* name;
-  Reuse reuse;
-};
-
-const Scenario kScenarios[] = {
-    {"one client, kept-alive connection", Reuse::KeepAlive},
-    {"one client, new connection per request (resumed TLS)", Reuse::Fresh},
-    {"new client object per request", Reuse::NewObject},
-};
-
 // ---- measurement ----
-
-int64_t clockNs(clockid_t id) {
-  timespec ts{};
-  clock_gettime(id, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-long statusKb(const char* key) {
-  std::ifstream in("/proc/self/status");
-  std::string line;
-  size_t n = std::strlen(key);
-  while (std::getline(in, line)) {
-    if (line.compare(0, n, key) == 0 && line.size() > n && line[n] == ':')
-      return std::strtol(line.c_str() + n + 1, nullptr, 10);
-  }
-  return -1;
-}
 
 // Per-request figures of one run (one child, or a batch of tool processes).
 struct Result {
   double wallUs = 0, cpuUs = 0, allocs = 0, bytes = 0;
   long peakRssKb = 0;
 };
-
-// ---- the two sides ----
-
-size_t appendTo(char* data, size_t size, size_t nmemb, void* out) {
-  static_cast<std::string*>(out)->append(data, size * nmemb);
-  return size * nmemb;
-}
-
-// The options the client itself puts on its handle for such a request: peer
-// and host verification against the trust store, the default headers, body
-// and headers collected into strings.
-class RawRequester {
- public:
-  RawRequester(const std::string& url, const std::string& caFile, bool fresh) {
-    m_handle = curl_easy_init();
-    if (m_handle == nullptr) throw 103;
-    std::string id = "X-Client-ID: QX-CURL-qxcurl_client_bench-" + std::to_string(getpid());
-    m_headers = curl_slist_append(m_headers, "Accept: application/vnd.arvion+json;version=6.0");
-    m_headers =
-        curl_slist_append(m_headers, "Content-Type: application/vnd.arvion+json;version=6.0");
-    m_headers = curl_slist_append(m_headers, id.c_str());
-    curl_easy_setopt(m_handle, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(m_handle, CURLOPT_HTTPGET, 1L);
-    curl_easy_setopt(m_handle, CURLOPT_CAINFO, caFile.c_str());
-    // The client trusts the file alone and lets libcurl keep the store it
-    // built for a second; QXBENCH_RAW_PLAIN_CA=1 leaves libcurl's defaults
-    // (the system's hashed directory too, the file read for every connection).
-    // Read once: a new requester per request must not add the lookup.
-    static const bool plain = [] {
-      const char* v = std::getenv("QXBENCH_RAW_PLAIN_CA");
-      return v != nullptr && std::strcmp(v, "1") == 0;
-    }();
-    if (!plain) {
-      curl_easy_setopt(m_handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
-      curl_easy_setopt(m_handle, CURLOPT_CA_CACHE_TIMEOUT, 1L);
-    }
-    curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYPEER, 1L);
-    curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYHOST, 2L);
-    curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, m_headers);
-    curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, &appendTo);
-    curl_easy_setopt(m_handle, CURLOPT_WRITEDATA, &m_body);
-    curl_easy_setopt(m_handle, CURLOPT_HEADERFUNCTION, &appendTo);
-    curl_easy_setopt(m_handle, CURLOPT_HEADERDATA, &m_responseHeaders);
-    curl_easy_setopt(m_handle, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(m_handle, CURLOPT_TIMEOUT, 300L);
-    if (fresh) {
-      curl_easy_setopt(m_handle, CURLOPT_FRESH_CONNECT, 1L);
-      curl_easy_setopt(m_handle, CURLOPT_FORBID_REUSE, 1L);
-    }
-  }
-  ~RawRequester() {
-    curl_easy_cleanup(m_handle);
-    curl_slist_free_all(m_headers);
-  }
-  RawRequester(const RawRequester&) = delete;
-  RawRequester& operator=(const RawRequester&) = delete;
-
-  bool get() {
-    m_body.clear();
-    m_responseHeaders.clear();
-    if (curl_easy_perform(m_handle) != CURLE_OK) return false;
-    long code = 0;
-    curl_easy_getinfo(m_handle, CURLINFO_RESPONSE_CODE, &code);
-    return code == 200 && !m_body.empty();
-  }
-
- private:
-  CURL* m_handle = nullptr;
-  curl_slist* m_headers = nullptr;
-  std::string m_body;
-  std::string m_responseHeaders;
-};
-
-// An insecure-session client (no token) trusting the same CA file.
-class ClientRequester {
- public:
-  ClientRequester(int port, const std::string& caFile, bool fresh)
-      : m_client("localhost", port, CERT_TYPE_HOST, QXCURL_INSECURE, nullptr, "", true, false,
-                 false, "QXCA", caFile) {
-    if (m_client.setCustomCAPath(caFile, "QXCA") != 0) throw 12;
-    if (fresh) {
-      curl_easy_setopt(m_client.m_curlHandle, CURLOPT_FRESH_CONNECT, 1L);
-      curl_easy_setopt(m_client.m_curlHandle, CURLOPT_FORBID_REUSE, 1L);
-    }
-  }
-  bool get() {
-    return m_client.Get(kPath) == 0 && m_client.getHttpCode() == 200 &&
-           !m_client.getResponseBody().empty();
-  }
-
- private:
-  QXClientCURL m_client;
-};
-
-struct ChildArgs {
-  std::string impl;  // "raw" or "qxcurl"
-  int scenario = 0;
-  int port = 0;
-  int requests = 0;
-  int warmup = 0;
-  std::string caFile;
-};
-
-class Driver {
- public:
-  explicit Driver(const ChildArgs& a) : m_args(a), m_reuse(kScenarios[a.scenario].reuse) {
-    m_url = "https://localhost:" + std::to_string(a.port) + "/" + kPath;
-    if (m_reuse == Reuse::NewObject) return;
-    bool fresh = m_reuse == Reuse::Fresh;
-    if (raw())
-      m_raw = std::make_unique<RawRequester>(m_url, a.caFile, fresh);
-    else
-      m_client = std::make_unique<ClientRequester>(a.port, a.caFile, fresh);
-  }
-  bool once() {
-    if (m_raw) return m_raw->get();
-    if (m_client) return m_client->get();
-    if (raw()) return RawRequester(m_url, m_args.caFile, false).get();
-    return ClientRequester(m_args.port, m_args.caFile, false).get();
-  }
-
- private:
-  bool raw() const { return m_args.impl == "raw"; }
-  ChildArgs m_args;
-  Reuse m_reuse;
-  std::string m_url;
-  std::unique_ptr<RawRequester> m_raw;
-  std::unique_ptr<ClientRequester> m_client;
-};
-
-int runChild(const ChildArgs& a) {
-  if (a.scenario < 0 || a.scenario >= static_cast<int>(std::size(kScenarios))) return 2;
-  curl_global_init(CURL_GLOBAL_ALL);
-  Result r;
-  int failures = 0;
-  try {
-    Driver d(a);
-    for (int i = 0; i < a.warmup; ++i) failures += d.once() ? 0 : 1;
-    QXAllocCounters h0 = qxBenchAllocNow();
-    int64_t cpu0 = clockNs(CLOCK_PROCESS_CPUTIME_ID), wall0 = clockNs(CLOCK_MONOTONIC);
-    for (int i = 0; i < a.requests; ++i) failures += d.once() ? 0 : 1;
-    int64_t cpu1 = clockNs(CLOCK_PROCESS_CPUTIME_ID), wall1 = clockNs(CLOCK_MONOTONIC);
-    QXAllocCounters h1 = qxBenchAllocNow();
-    double n = a.requests > 0 ? a.requests : 1;
-    r.wallUs = (wall1 - wall0) / 1e3 / n;
-    r.cpuUs = (cpu1 - cpu0) / 1e3 / n;
-    r.allocs = (h1.calls - h0.calls) / n;
-    r.bytes = (h1.bytes - h0.bytes) / n;
-  } catch (int status) {
-    std::fprintf(stderr, "%s: set-up failed with status %d\n", a.impl.c_str(), status);
-    return 3;
-  }
-  r.peakRssKb = statusKb("VmHWM");
-  std::printf("RESULT %d %.3f %.3f %.2f %.1f %ld\n", failures, r.wallUs, r.cpuUs, r.allocs, r.bytes,
-              r.peakRssKb);
-  std::fflush(stdout);
-  return failures == 0 ? 0 : 1;
-}
 
 // ---- parent ----
 
@@ -277,7 +89,7 @@ Spawned spawn(const std::vector<std::string>& argv, const std::vector<std::strin
   Spawned s;
   int fds[2];
   if (pipe(fds) != 0) return s;
-  int64_t t0 = clockNs(CLOCK_MONOTONIC);
+  int64_t t0 = qxBenchNowNs(CLOCK_MONOTONIC);
   pid_t pid = fork();
   if (pid < 0) return s;
   if (pid == 0) {
@@ -303,7 +115,7 @@ Spawned spawn(const std::vector<std::string>& argv, const std::vector<std::strin
   close(fds[0]);
   int status = 0;
   wait4(pid, &status, 0, &s.usage);
-  s.wallNs = clockNs(CLOCK_MONOTONIC) - t0;
+  s.wallNs = qxBenchNowNs(CLOCK_MONOTONIC) - t0;
   s.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
   return s;
 }
@@ -456,7 +268,7 @@ void printTable(const std::vector<Row>& rows, const Options& o) {
 }
 
 struct Env {
-  std::string exe;
+  std::string exe;  // the child
   std::string caFile;
   std::string rootOn, rootOff;  // install roots: preferred networks on, off
   int port = 0;
@@ -465,7 +277,6 @@ struct Env {
 std::vector<std::string> childArgv(const Env& e, const char* impl, int scenario, int requests,
                                    int warmup) {
   return {e.exe,
-          "--child",
           impl,
           std::to_string(scenario),
           std::to_string(e.port),
@@ -586,7 +397,7 @@ int runParent(const std::string& exe, const Options& o) {
     return 1;
   }
   Env e;
-  e.exe = exe;
+  e.exe = exe.substr(0, exe.rfind('/')) + "/qxcurl_client_bench_child";
   e.caFile = rootOn.pki("qxca/ca.pem");
   e.rootOn = rootOn.dir();
   e.rootOff = rootOff.dir();
@@ -600,9 +411,9 @@ int runParent(const std::string& exe, const Options& o) {
     // A child measures SCENARIO (0 kept-alive, 1 new connection, 2 new
     // object) as "raw" or "qx" and prints its figures.
     std::printf(
-        "ARVION_ROOT=%s %s --child qx|raw SCENARIO %d REQUESTS WARMUP %s\n"
+        "ARVION_ROOT=%s %s qx|raw SCENARIO %d REQUESTS WARMUP %s\n"
         "(preferred networks off: ARVION_ROOT=%s); end of input stops nginx\n",
-        e.rootOn.c_str(), exe.c_str(), e.port, e.caFile.c_str(), e.rootOff.c_str());
+        e.rootOn.c_str(), e.exe.c_str(), e.port, e.caFile.c_str(), e.rootOff.c_str());
     std::fflush(stdout);
     while (std::getchar() != EOF) {
     }
@@ -658,16 +469,6 @@ int positive(const char* text, const char* what) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 8 && std::strcmp(argv[1], "--child") == 0) {
-    ChildArgs a;
-    a.impl = argv[2];
-    a.scenario = std::atoi(argv[3]);
-    a.port = std::atoi(argv[4]);
-    a.requests = std::atoi(argv[5]);
-    a.warmup = std::atoi(argv[6]);
-    a.caFile = argv[7];
-    return runChild(a);
-  }
   Options o;
   for (int i = 1; i < argc; ++i) {
     std::string arg = argv[i];
