@@ -56,15 +56,11 @@ const char* const kConfigCommon =
     "DISABLE_QXCURL_CONNECTIONS = NO\n"
     "PREFERRED_NETWORK = 10.0.0.0/8 PROHIBITED\n";
 
-// ---- measurement ----
-
 // Per-request figures of one run (one child, or a batch of tool processes).
 struct Result {
   double wallUs = 0, cpuUs = 0, allocs = 0, bytes = 0;
   long peakRssKb = 0;
 };
-
-// ---- parent ----
 
 struct Options {
   int keepAlive = 1000;  // requests per kept-alive run

@@ -1,5 +1,5 @@
 // One side of qxcurl_client_bench, in a process of its own: "qx" (the
-// client, through the installed shared library, as a program using it would)
+// client, through the shared library, as a program using it would)
 // or "raw" (libcurl alone) makes REQUESTS requests of one scenario after
 // WARMUP unmeasured ones and prints its figures on one line:
 //   RESULT <failures> <wall us> <CPU us> <allocations> <bytes> <peak KiB>
@@ -23,8 +23,6 @@
 
 namespace {
 
-// ---- measurement ----
-
 long statusKb(const char* key) {
   std::ifstream in("/proc/self/status");
   std::string line;
@@ -35,8 +33,6 @@ long statusKb(const char* key) {
   }
   return -1;
 }
-
-// ---- the two sides ----
 
 size_t appendTo(char* data, size_t size, size_t nmemb, void* out) {
   static_cast<std::string*>(out)->append(data, size * nmemb);
