@@ -375,15 +375,16 @@ bool wnet_is_server(const char* host) {
   // What the configuration says about this machine, and the machine's name,
   // worked out once per configuration change (a request asks several times).
   struct Known {
-    std::shared_ptr<const QXMasterConfig> cfg;
+    uint64_t version = 0;  // of the configuration below; 0: none yet
     std::string me;
     bool listed = false;
   };
   thread_local Known t_known;
   Known& known = t_known;
-  std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
-  if (!known.cfg || known.cfg != cfg) {
-    known.cfg = cfg;
+  const uint64_t version = qxConfigVersion(nullptr);
+  if (known.version != version) {
+    std::shared_ptr<const QXMasterConfig> cfg = qxLoadMasterConfig(nullptr);
+    known.version = version;
     known.me = hostName();
     bool isServer = false;
     if (bpconfGetKeyValPairAsBool(cfg.get(), "IS_SERVER", &isServer) == 0 && isServer) {
