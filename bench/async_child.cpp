@@ -29,11 +29,6 @@ namespace {
 
 const char* const kPath = "arvion/ping";
 
-size_t appendTo(char* data, size_t size, size_t nmemb, void* out) {
-  static_cast<std::string*>(out)->append(data, size * nmemb);
-  return size * nmemb;
-}
-
 struct Args {
   std::string impl;
   int port = 0;
@@ -71,9 +66,9 @@ int runRaw(const Args& a) {
     curl_easy_setopt(x.handle, CURLOPT_CAPATH, static_cast<const char*>(nullptr));
     curl_easy_setopt(x.handle, CURLOPT_CA_CACHE_TIMEOUT, 1L);
     curl_easy_setopt(x.handle, CURLOPT_HTTPHEADER, hdrs);
-    curl_easy_setopt(x.handle, CURLOPT_WRITEFUNCTION, &appendTo);
+    curl_easy_setopt(x.handle, CURLOPT_WRITEFUNCTION, &qxBenchAppend);
     curl_easy_setopt(x.handle, CURLOPT_WRITEDATA, &x.body);
-    curl_easy_setopt(x.handle, CURLOPT_HEADERFUNCTION, &appendTo);
+    curl_easy_setopt(x.handle, CURLOPT_HEADERFUNCTION, &qxBenchAppend);
     curl_easy_setopt(x.handle, CURLOPT_HEADERDATA, &x.headers);
     curl_easy_setopt(x.handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(x.handle, CURLOPT_TIMEOUT, 300L);

@@ -117,3 +117,8 @@ int64_t qxBenchNowNs(clockid_t id) {
   clock_gettime(id, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
 }
+
+size_t qxBenchAppend(char* data, size_t size, size_t nmemb, void* out) {
+  static_cast<std::string*>(out)->append(data, size * nmemb);
+  return size * nmemb;
+}

@@ -5,6 +5,7 @@
 // linked into the benchmark executable.
 #include <time.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -15,6 +16,10 @@ struct QXAllocCounters {
 
 // clock_gettime(id) in nanoseconds.
 int64_t qxBenchNowNs(clockid_t id);
+
+// A libcurl write or header callback: appends the bytes to the std::string
+// that out points at.
+size_t qxBenchAppend(char* data, size_t size, size_t nmemb, void* out);
 
 // Totals since the process started.
 QXAllocCounters qxBenchAllocNow();

@@ -34,11 +34,6 @@ long statusKb(const char* key) {
   return -1;
 }
 
-size_t appendTo(char* data, size_t size, size_t nmemb, void* out) {
-  static_cast<std::string*>(out)->append(data, size * nmemb);
-  return size * nmemb;
-}
-
 // The options the client itself puts on its handle for such a request: peer
 // and host verification against the trust store, the default headers, body
 // and headers collected into strings.
@@ -70,9 +65,9 @@ class RawRequester {
     curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(m_handle, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, m_headers);
-    curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, &appendTo);
+    curl_easy_setopt(m_handle, CURLOPT_WRITEFUNCTION, &qxBenchAppend);
     curl_easy_setopt(m_handle, CURLOPT_WRITEDATA, &m_body);
-    curl_easy_setopt(m_handle, CURLOPT_HEADERFUNCTION, &appendTo);
+    curl_easy_setopt(m_handle, CURLOPT_HEADERFUNCTION, &qxBenchAppend);
     curl_easy_setopt(m_handle, CURLOPT_HEADERDATA, &m_responseHeaders);
     curl_easy_setopt(m_handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(m_handle, CURLOPT_TIMEOUT, 300L);
